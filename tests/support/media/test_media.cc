@@ -87,8 +87,8 @@ std::string EncoderDescription(const StreamParams& p) {
 std::string CacheName(const StreamParams& p) {
   std::ostringstream os;
   os << CodecTag(p.codec) << "_" << p.width << "x" << p.height << "_n" << p.frames << "_r"
-     << p.fps_num << "-" << p.fps_den << "_b" << p.b_frames << "_s" << p.slices << "_k"
-     << p.key_int << "_p" << p.pattern;
+     << p.fps_num << "-" << p.fps_den << "_b" << p.b_frames << "_s" << p.slices << "_k" << p.key_int
+     << "_p" << p.pattern;
   if (p.codec == Codec::kMjpeg) os << "_q" << p.jpeg_quality;
   os << (p.codec == Codec::kMjpeg ? ".mjpeg" : p.codec == Codec::kH265 ? ".h265" : ".h264");
   return os.str();
@@ -126,9 +126,9 @@ bool Encode(const StreamParams& p, const std::string& out) {
   std::ostringstream desc;
   desc << "videotestsrc num-buffers=" << p.frames << " pattern=" << p.pattern
        << " ! video/x-raw,format=I420,width=" << p.width << ",height=" << p.height
-       << ",framerate=" << p.fps_num << "/" << p.fps_den << " ! " << EncoderDescription(p)
-       << " ! " << ParserName(p.codec) << " ! " << ParserCaps(p.codec)
-       << " ! filesink location=\"" << out << "\"";
+       << ",framerate=" << p.fps_num << "/" << p.fps_den << " ! " << EncoderDescription(p) << " ! "
+       << ParserName(p.codec) << " ! " << ParserCaps(p.codec) << " ! filesink location=\"" << out
+       << "\"";
   GError* err = nullptr;
   GstElement* pipeline = gst_parse_launch(desc.str().c_str(), &err);
   if (pipeline == nullptr || err != nullptr) {

@@ -85,8 +85,7 @@ std::vector<AccessUnit> ReferenceAccessUnits(const std::string& path, Codec code
 std::vector<uint8_t> ReadFile(const std::string& path);
 
 // Cuts `bytes` into consecutive chunks of at most `chunk` bytes.
-std::vector<std::vector<uint8_t>> SplitIntoPackets(const std::vector<uint8_t>& bytes,
-                                                   size_t chunk);
+std::vector<std::vector<uint8_t>> SplitIntoPackets(const std::vector<uint8_t>& bytes, size_t chunk);
 
 }  // namespace testmedia
 }  // namespace qo
