@@ -11,7 +11,6 @@
 // SIGTERM, SIGINT and end of input end the program cleanly.
 #include <glib-unix.h>
 #include <gst/gst.h>
-
 #include <unistd.h>
 
 #include <cerrno>

@@ -120,7 +120,8 @@ bool RtspStreamSpec::Parse(const std::string& text, RtspStreamSpec* out, std::st
   size_t pos = eq + 1;
   while (true) {
     size_t comma = text.find(',', pos);
-    fields.push_back(text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
+    fields.push_back(
+        text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos));
     if (comma == std::string::npos) break;
     pos = comma + 1;
   }
@@ -240,19 +241,15 @@ struct RtspServer::Impl {
   void Drop() {
     GstRTSPSessionPool* pool = gst_rtsp_server_get_session_pool(server);
     gst_rtsp_session_pool_filter(
-        pool,
-        [](GstRTSPSessionPool*, GstRTSPSession*, gpointer) { return GST_RTSP_FILTER_REMOVE; },
+        pool, [](GstRTSPSessionPool*, GstRTSPSession*, gpointer) { return GST_RTSP_FILTER_REMOVE; },
         nullptr);
     g_object_unref(pool);
     gst_rtsp_server_client_filter(
-        server,
-        [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; },
+        server, [](GstRTSPServer*, GstRTSPClient*, gpointer) { return GST_RTSP_FILTER_REMOVE; },
         nullptr);
   }
 
-  static void OnClientClosed(GstRTSPClient*, gpointer data) {
-    static_cast<Impl*>(data)->clients--;
-  }
+  static void OnClientClosed(GstRTSPClient*, gpointer data) { static_cast<Impl*>(data)->clients--; }
 
   static void OnClientConnected(GstRTSPServer*, GstRTSPClient* client, gpointer data) {
     auto* self = static_cast<Impl*>(data);
@@ -313,8 +310,8 @@ bool RtspServer::Start(std::string* error) {
   GstRTSPAuth* auth = nullptr;
   if (!d->options.user.empty()) {
     auth = gst_rtsp_auth_new();
-    GstRTSPToken* token = gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING,
-                                             "user", nullptr);
+    GstRTSPToken* token =
+        gst_rtsp_token_new(GST_RTSP_TOKEN_MEDIA_FACTORY_ROLE, G_TYPE_STRING, "user", nullptr);
     gchar* basic = gst_rtsp_auth_make_basic(d->options.user.c_str(), d->options.password.c_str());
     gst_rtsp_auth_add_basic(auth, basic, token);
     g_free(basic);

@@ -60,8 +60,8 @@ class RtspServer {
   const std::vector<RtspStreamSpec>& streams() const;
 
   // Fault controls for tests.
-  void DropClients();     // closes every client connection and session
-  bool RefuseClients();   // closes the listening socket: connects get refused
+  void DropClients();                      // closes every client connection and session
+  bool RefuseClients();                    // closes the listening socket: connects get refused
   bool AcceptClients(std::string* error);  // listens again on the same port
   int client_count() const;
 

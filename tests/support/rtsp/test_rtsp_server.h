@@ -42,11 +42,11 @@ class TestRtspServer {
   bool Restart();
 
   // Fault controls; each returns once the server has done it.
-  bool Drop();    // close all client connections and sessions
-  bool Refuse();  // close the listening socket: connections get refused
-  bool Accept();  // listen again on the same port
-  void Freeze();  // SIGSTOP the server process
-  void Thaw();    // SIGCONT
+  bool Drop();        // close all client connections and sessions
+  bool Refuse();      // close the listening socket: connections get refused
+  bool Accept();      // listen again on the same port
+  void Freeze();      // SIGSTOP the server process
+  void Thaw();        // SIGCONT
   int ClientCount();  // -1 on error
 
   bool running() const { return pid_ > 0; }
