@@ -1,0 +1,54 @@
+/* Live video streams: "rtsp://", "v4l2://" and "file://" sources played by
+ * GStreamer pipelines, pulled frame by frame.
+ *
+ * Calling order: Open -> Cfg* -> Start -> GetFrame/FrameFree* -> Stop -> Close.
+ * qo_VideoStreamType may be called before Open to learn the "stream-type".
+ * Diagnostics go to standard output; nothing throws. */
+#ifndef HAL_MM_VIDEO_IN_H_
+#define HAL_MM_VIDEO_IN_H_
+
+#include "core/qo_c_type.h"
+#include "core/qo_export.h"
+#include "hal_mm_video_common.h"
+
+/* Opaque: the layer's record of one opened stream. */
+typedef void* qo_StrmHandle;
+
+/* Probes an "rtsp://" or "v4l2://" source for its encoded format:
+ * QO_PIX_FMT_H264, QO_PIX_FMT_H265, QO_PIX_FMT_MJPEG, or -1 (unknown, error,
+ * "file://", or nothing found within about 11 s). One probe at a time. */
+QO_C_API qoPixelFormat qo_VideoStreamType(const char* uri);
+
+/* Opens a stream for uri ("rtsp://...", "v4l2:///dev/videoN",
+ * "file:///path"). The uri string is referenced, not copied: keep it alive
+ * until Close. Returns NULL on failure. */
+QO_C_API qo_StrmHandle qo_VideoStreamOpen(const char* uri);
+
+/* Sets one property before Start: "lower-trans-type", "stream-type",
+ * "width", "height", "framerate", "exposure-auto", "exposure", "gain",
+ * "mode" (0 only, v4l2 only). Anything else, or any call after Start, is
+ * refused with a warning. */
+QO_C_API void qo_VideoStreamCfg(qo_StrmHandle handle, const char* property, int value);
+
+/* Builds the pipeline and sets it playing. 0 on success, -1 on failure. */
+QO_C_API int qo_VideoStreamStart(qo_StrmHandle handle);
+
+/* Pulls one frame, waiting up to timeout seconds (timeout < 1: no limit).
+ * On return frame->data is a copy owned by the caller (release it with
+ * qo_VideoStreamFrameFree), or NULL: then frame->eos tells end of stream (1)
+ * from a time-out (0). */
+QO_C_API void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int timeout);
+
+/* Releases frame->data (the pointer itself is left as it is). */
+QO_C_API void qo_VideoStreamFrameFree(qo_StreamInfo* frame);
+
+/* Ends the stream with an end-of-stream, waits (up to 4 s) for a thread
+ * pulling frames to see it, then pauses the pipeline. 0 / -1. */
+QO_C_API int qo_VideoStreamStop(qo_StrmHandle handle);
+
+/* Tears the pipeline down and releases the handle. A stream that was never
+ * started is only reported and stays allocated. The last close stops the
+ * layer's main-loop thread. */
+QO_C_API void qo_VideoStreamClose(qo_StrmHandle handle);
+
+#endif /* HAL_MM_VIDEO_IN_H_ */

@@ -1,0 +1,523 @@
+// Live-stream layer: the process-wide proxy with its "Gstloop" main-loop
+// thread, the bus watch, state switching, pipeline installation, and the
+// public stream lifecycle with the frame pull.
+#include <gst/app/gstappsink.h>
+#include <gst/base/gstbasesink.h>
+#include <gst/gst.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/qo_c_runtime_api.h"
+#include "hal_mm_video_in.h"
+#include "hal_video_in_internal.h"
+
+#if __has_include("gstlive555src.h")
+#include "gstlive555src.h"
+#define QO_HAVE_LIVE555SRC 1
+#endif
+
+MultiStreamProxy kGstProxy = {nullptr, 0, 0, 0, 0, PTHREAD_MUTEX_INITIALIZER, {}, {0}};
+
+namespace {
+
+constexpr gint kRtspMaxBytes = 5 * 1024 * 1024;
+constexpr GstClockTime kSinkMaxLateness = 70 * GST_MSECOND;
+constexpr guint kQueuedSamples = 8;
+constexpr int kStopPolls = 100;
+constexpr useconds_t kStopPollUs = 40000;
+// Bound on waiting for a bus watch that is being dispatched right now.
+constexpr int kWatchReleasePolls = 50000;  // x 100 us = 5 s
+
+void* GstLoopTask(void* usrdata) {
+  MultiStreamProxy* proxy = static_cast<MultiStreamProxy*>(usrdata);
+  HalPrint("------->task: running main loop!");
+  g_main_loop_run(proxy->loop);
+  HalPrint("------->task: exit main loop!");
+  return nullptr;
+}
+
+gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(user_data);
+  switch (GST_MESSAGE_TYPE(msg)) {
+    case GST_MESSAGE_EOS:
+      g_print("$$$$>pl#%d receive EOS msg!\n", proxy->iId);
+      fflush(stdout);
+      break;
+    case GST_MESSAGE_ERROR:
+    case GST_MESSAGE_WARNING:
+    case GST_MESSAGE_INFO: {
+      GError* err = nullptr;
+      gchar* debug = nullptr;
+      const char* kind;
+      if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR) {
+        gst_message_parse_error(msg, &err, &debug);
+        kind = "ERROR";
+      } else if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_WARNING) {
+        gst_message_parse_warning(msg, &err, &debug);
+        kind = "WARNING";
+      } else {
+        gst_message_parse_info(msg, &err, &debug);
+        kind = "INFO";
+      }
+      HalPrint("GStreamer %s: %s; debug info: %s", kind, err ? err->message : "(null)",
+               debug ? debug : "(null)");
+      if (err) g_error_free(err);
+      g_free(debug);
+      break;
+    }
+    case GST_MESSAGE_STATE_CHANGED:
+      // Only the pipeline's own transitions count; children are ignored.
+      if (GST_MESSAGE_SRC(msg) == GST_OBJECT_CAST(proxy->pl)) {
+        GstState old_state, new_state, pending;
+        gst_message_parse_state_changed(msg, &old_state, &new_state, &pending);
+        HalPrint("#########pl#%d state change:old: %s,current: %s,pending: %s #########\n",
+                 proxy->iId, gst_element_state_get_name(old_state),
+                 gst_element_state_get_name(new_state), gst_element_state_get_name(pending));
+        if (new_state == proxy->wait_state.load(std::memory_order_relaxed)) {
+          HalPrint("############# pl#%d switch state[%d] #############\n", proxy->iId, new_state);
+          proxy->state.store(new_state, std::memory_order_relaxed);
+        }
+      }
+      break;
+    case GST_MESSAGE_LATENCY:
+      HalPrint("$>pl#%d redistributing latency\n", proxy->iId);
+      gst_bin_recalculate_latency(GST_BIN(proxy->pl));
+      break;
+    case GST_MESSAGE_REQUEST_STATE: {
+      GstState requested;
+      gst_message_parse_request_state(msg, &requested);
+      HalPrint("$>pl#%d state change to %s was requested", proxy->iId,
+               gst_element_state_get_name(requested));
+      GstStateChangeReturn res = gst_element_set_state(proxy->pl, requested);
+      HalPrint("res=%d\n", res);
+      break;
+    }
+    default:
+      break;
+  }
+  return TRUE;
+}
+
+// Runs once GLib has let go of the watch's data: after the removal, or after
+// a dispatch that was running at that moment has returned.
+void BusWatchReleased(gpointer user_data) {
+  static_cast<MultiStreamPipeline*>(user_data)->watch_released.store(1, std::memory_order_release);
+}
+
+int GstPipelineStart(MultiStreamPipeline* proxy) {
+  int ret = PipelineSwitchState(proxy, GST_STATE_PLAYING, GST_STATE_PLAYING);
+  if (ret == -1) {
+    HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
+    return -1;
+  }
+  return 0;
+}
+
+int GstPipelineStop(MultiStreamPipeline* proxy) {
+  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PLAYING) {
+    int ret = PipelineSwitchState(proxy, GST_STATE_PAUSED, GST_STATE_PAUSED);
+    if (ret == -1) {
+      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int GstPipelineDestory(MultiStreamPipeline* proxy) {
+  int ret;
+  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PLAYING) {
+    ret = PipelineSwitchState(proxy, GST_STATE_PAUSED, GST_STATE_PAUSED);
+    if (ret == -1) {
+      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
+      return -1;
+    }
+    usleep(1000);
+  }
+  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PAUSED) {
+    ret = PipelineSwitchState(proxy, GST_STATE_READY, GST_STATE_READY);
+    if (ret == -1) {
+      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
+      return -1;
+    }
+    usleep(1000);
+  }
+  int state = proxy->state.load(std::memory_order_relaxed);
+  if (state != -1 && state != GST_STATE_NULL) {
+    ret = PipelineSwitchState(proxy, GST_STATE_NULL, GST_STATE_NULL);
+    if (ret == -1) HalPrint("$$$$> state changed is failure return:%d...\n", ret);
+    PiplineUninstall(proxy);
+  }
+  return 0;
+}
+
+// Sets an integer property through a G_TYPE_INT value, letting GObject
+// convert it to the property's own integer type.
+void SetIntProperty(GstElement* element, const char* name, int value) {
+  GValue v = G_VALUE_INIT;
+  g_value_init(&v, G_TYPE_INT);
+  g_value_set_int(&v, value);
+  g_object_set_property(G_OBJECT(element), name, &v);
+  g_value_unset(&v);
+}
+
+// Copies the sample out into frame memory owned by the caller.
+void StreamOutDefault(GstSample* sample, GstBuffer* buffer, qo_StreamInfo* frame) {
+  gint width = 0, height = 0;
+  GstCaps* caps = gst_sample_get_caps(sample);
+  if (caps && gst_caps_get_size(caps) > 0) {
+    const GstStructure* s = gst_caps_get_structure(caps, 0);
+    gst_structure_get_int(s, "width", &width);
+    gst_structure_get_int(s, "height", &height);
+  }
+  frame->width = width;
+  frame->height = height;
+  gsize size = buffer ? gst_buffer_get_size(buffer) : 0;
+  frame->data = static_cast<uint8_t*>(QOMemAlloc(size, 64));
+  if (!frame->data) {
+    HalPrint("#>%s():QOMemAlloc %zu bytes is failed!\n", __func__, static_cast<size_t>(size));
+    size = 0;
+  } else if (size > 0) {
+    gst_buffer_extract(buffer, 0, frame->data, size);
+  }
+  frame->size = static_cast<int32_t>(size);
+  gst_sample_unref(sample);
+}
+
+void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo* frame) {
+  proxy->frame_counter++;
+  frame->format = proxy->source_stream_type;
+  GstClockTime ts = GST_CLOCK_TIME_NONE;
+  GstBuffer* buffer = gst_sample_get_buffer(sample);
+  if (proxy->protocol == kProtoRtsp) {
+    GstReferenceTimestampMeta* meta =
+        buffer ? gst_buffer_get_reference_timestamp_meta(buffer, nullptr) : nullptr;
+    if (meta)
+      ts = meta->timestamp;
+    else
+      HalPrint(
+          "########>%s():gst_buffer_get_reference_timestamp_meta get timestamp is failed!\n",
+          __func__);
+  } else if (buffer) {
+    ts = GST_BUFFER_DTS(buffer);
+    if (!GST_CLOCK_TIME_IS_VALID(ts)) ts = GST_BUFFER_PTS(buffer);
+  }
+  if (!GST_CLOCK_TIME_IS_VALID(ts)) ts = static_cast<GstClockTime>(g_get_monotonic_time());
+  frame->time_stamp = ts;
+  StreamOutDefault(sample, buffer, frame);
+}
+
+}  // namespace
+
+const char kProtoRtsp[] = "rtsp";
+const char kProtoFile[] = "file";
+const char kProtoV4l2[] = "v4l2";
+
+void HalPrint(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vprintf(fmt, ap);
+  va_end(ap);
+  fflush(stdout);
+}
+
+int qo_VideoStreamInit() {
+  MultiStreamProxy* proxy = &kGstProxy;
+  pthread_mutex_lock(&proxy->lock);
+  if (proxy->gst_init_flag) {
+    HalPrint("$>%s():gst_init is already inited!\n", __func__);
+    if (proxy->main_loop_deinit_flag == 0) {
+      pthread_mutex_unlock(&proxy->lock);
+      return 0;
+    }
+    proxy->main_loop_deinit_flag = 0;
+  } else {
+    proxy->gst_init_flag = 1;
+    gst_init(nullptr, nullptr);
+#ifdef QO_HAVE_LIVE555SRC
+    qo_live555src_register_static();
+#endif
+  }
+  proxy->loop = g_main_loop_new(nullptr, FALSE);
+  if (!proxy->loop) {
+    HalPrint("#>%s():create main loop failed!\n", __func__);
+    pthread_mutex_unlock(&proxy->lock);
+    return -1;
+  }
+  if (pthread_create(&proxy->loop_thread, nullptr, GstLoopTask, proxy) != 0) {
+    HalPrint("-------Create (main_loop) pthread is failure!");
+    g_main_loop_unref(proxy->loop);
+    proxy->loop = nullptr;
+    // Let the next open try again to start a loop.
+    proxy->main_loop_deinit_flag = 1;
+    pthread_mutex_unlock(&proxy->lock);
+    return -1;
+  }
+  if (pthread_setname_np(proxy->loop_thread, "Gstloop") != 0)
+    HalPrint("------Mainloop pthread_setname_np is failure!");
+  // A quit issued before the thread entered the loop would be lost and the
+  // join in the last close would hang: wait until the loop really runs.
+  while (!g_main_loop_is_running(proxy->loop)) g_usleep(100);
+  pthread_mutex_unlock(&proxy->lock);
+  return 0;
+}
+
+void qo_VideoStreamDeinit() {
+  MultiStreamProxy* proxy = &kGstProxy;
+  proxy->pipeline_count--;
+  if (proxy->pipeline_count > 0) {
+    HalPrint("#>%s():warn ! %d pipelines active!\n", __func__, proxy->pipeline_count);
+    return;
+  }
+  g_main_loop_quit(proxy->loop);
+  // Joined before the last reference goes, so the thread never runs a loop
+  // that is being freed.
+  pthread_join(proxy->loop_thread, nullptr);
+  g_main_loop_unref(proxy->loop);
+  proxy->loop = nullptr;
+  proxy->main_loop_deinit_flag = 1;
+}
+
+int PipelineSwitchState(MultiStreamPipeline* proxy, GstState to_state, GstState chk_state) {
+  proxy->wait_state.store(chk_state, std::memory_order_relaxed);
+  GstStateChangeReturn ret = gst_element_set_state(proxy->pl, to_state);
+  switch (ret) {
+    case GST_STATE_CHANGE_SUCCESS:
+      proxy->state.store(chk_state, std::memory_order_relaxed);
+      return 0;
+    case GST_STATE_CHANGE_NO_PREROLL:
+      HalPrint("$$$$>pl#%d state changed return:GST_STATE_CHANGE_NO_PREROLL\n", proxy->iId);
+      proxy->state.store(chk_state, std::memory_order_relaxed);
+      return -2;
+    default:
+      // Failure, or an asynchronous change that the bus watch completes.
+      HalPrint("$$$$>pl#%d state changed is failure return:%d...\n", proxy->iId, ret);
+      return -1;
+  }
+}
+
+int PiplineInstall(MultiStreamPipeline* proxy) {
+  GError* error = nullptr;
+  HalPrint("$$$$>p#%d full string=%s\n", proxy->iId, proxy->full_string);
+  proxy->pl = gst_parse_launch(proxy->full_string, &error);
+  if (!proxy->pl) HalPrint("#>%s():gst_parse_launch failed!\n", __func__);
+  if (error) {
+    HalPrint("#>%s():gst_parse_launch full string error:%s!\n", __func__, error->message);
+    g_error_free(error);
+    return -1;
+  }
+  if (!proxy->pl) return -1;
+
+  if (proxy->protocol == kProtoRtsp) {
+    proxy->live555src = gst_bin_get_by_name(GST_BIN(proxy->pl), "src");
+    if (!proxy->live555src) {
+      HalPrint("#>%s():get element src failed!\n", __func__);
+      return -1;
+    }
+    SetIntProperty(proxy->live555src, "max-bytes", kRtspMaxBytes);
+    SetIntProperty(proxy->live555src, "protocols", proxy->rtsp_trans);
+  }
+
+  proxy->appsink = gst_bin_get_by_name(GST_BIN(proxy->pl), "appsink");
+  if (!proxy->appsink) {
+    HalPrint("#>%s():get element appsink failed!\n", __func__);
+    return -1;
+  }
+  gst_base_sink_set_max_lateness(GST_BASE_SINK(proxy->appsink), kSinkMaxLateness);
+  gst_base_sink_set_qos_enabled(GST_BASE_SINK(proxy->appsink), TRUE);
+  if (proxy->protocol == kProtoV4l2) {
+    // A camera keeps only its newest frame.
+    gst_app_sink_set_drop(GST_APP_SINK(proxy->appsink), TRUE);
+    gst_app_sink_set_max_buffers(GST_APP_SINK(proxy->appsink), 1);
+  } else {
+    // Network and file sources are held back while the caller is slow.
+    gst_app_sink_set_max_buffers(GST_APP_SINK(proxy->appsink), kQueuedSamples);
+  }
+
+  proxy->bus = gst_pipeline_get_bus(GST_PIPELINE(proxy->pl));
+  proxy->watch_released.store(0, std::memory_order_relaxed);
+  proxy->bus_id = gst_bus_add_watch_full(proxy->bus, G_PRIORITY_DEFAULT, BusWatchCallback, proxy,
+                                         BusWatchReleased);
+  return 0;
+}
+
+int PiplineUninstall(MultiStreamPipeline* proxy) {
+  // The watch goes first: BusWatchCallback uses the pipeline and the record,
+  // and it may be running on "Gstloop" at this very moment.
+  if (proxy->bus_id != 0) {
+    g_source_remove(proxy->bus_id);
+    int polls = 0;
+    while (!proxy->watch_released.load(std::memory_order_acquire) && polls < kWatchReleasePolls) {
+      g_usleep(100);
+      polls++;
+    }
+    if (!proxy->watch_released.load(std::memory_order_acquire)) {
+      // Still in use by a dispatch that does not return: keep the record.
+      HalPrint("#>%s():pl#%d bus watch is busy, record kept!\n", __func__, proxy->iId);
+      return 0;
+    }
+  }
+  if (proxy->protocol == kProtoRtsp && proxy->live555src) gst_object_unref(proxy->live555src);
+  proxy->state.store(-1, std::memory_order_relaxed);
+  if (proxy->appsink) gst_object_unref(proxy->appsink);
+  if (proxy->pl) gst_object_unref(proxy->pl);
+  if (proxy->bus) gst_object_unref(proxy->bus);
+  memset(static_cast<void*>(proxy), 0, sizeof(*proxy));
+  free(proxy);
+  return 0;
+}
+
+qo_StrmHandle qo_VideoStreamOpen(const char* uri) {
+  if (qo_VideoStreamInit() != 0) {
+    HalPrint("#>%s(): gst_init is failed\n", __func__);
+    return nullptr;
+  }
+  MultiStreamProxy* gproxy = &kGstProxy;
+  pthread_mutex_lock(&gproxy->lock);
+  MultiStreamPipeline* proxy =
+      static_cast<MultiStreamPipeline*>(calloc(1, sizeof(MultiStreamPipeline)));
+  if (!proxy) {
+    HalPrint("#>%s():malloc MultiStreamPipeline is failed!\n", __func__);
+    pthread_mutex_unlock(&gproxy->lock);
+    return nullptr;
+  }
+  proxy->uri_param = uri;
+  proxy->protocol = PipelineParamParse(proxy);
+  if (!proxy->protocol) {
+    HalPrint("#>%s():input url is error!\n", __func__);
+    free(proxy);
+    pthread_mutex_unlock(&gproxy->lock);
+    return nullptr;
+  }
+  proxy->state.store(-1, std::memory_order_relaxed);
+  proxy->rtsp_trans = RTSP_TRANS_UDP;
+  proxy->source_stream_type = QO_PIX_FMT_NONE;
+  proxy->expo = -1;
+  proxy->expo_auto = -1;
+  proxy->test_pattern = -1;
+  proxy->gain = -1;
+  proxy->desc.src_w = 0;
+  proxy->desc.src_h = 0;
+  proxy->desc.src_fps = 0;
+  proxy->video_mode = 0;
+  proxy->frame_counter = 0;
+  proxy->wait_eos.store(0, std::memory_order_relaxed);
+  proxy->iId = gproxy->id_count;
+  gproxy->id_count++;
+  gproxy->pipeline_count++;
+  pthread_mutex_unlock(&gproxy->lock);
+  return proxy;
+}
+
+int qo_VideoStreamStart(qo_StrmHandle handle) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!proxy) {
+    HalPrint("#>%s():Error handle is null\n", __func__);
+    return -1;
+  }
+  // A second pipeline built over the first would leave the first one running
+  // with a bus watch on this record after close frees it.
+  if (proxy->pl) {
+    HalPrint("#>%s():pl#%d pipeline is already built!\n", __func__, proxy->iId);
+    return -1;
+  }
+  if (PipelinelCompose(proxy) != 0) return -1;
+  if (PiplineInstall(proxy) != 0) return -1;
+  if (GstPipelineStart(proxy) != 0) return -1;
+  return 0;
+}
+
+int qo_VideoStreamStop(qo_StrmHandle handle) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!proxy) {
+    HalPrint("#>%s():Error handle is null\n", __func__);
+    return -1;
+  }
+  if (proxy->state.load(std::memory_order_relaxed) < GST_STATE_PLAYING) {
+    HalPrint("#>%s():video stream state is error\n", __func__);
+    return -1;
+  }
+  GstElement* src = gst_bin_get_by_name(GST_BIN(proxy->pl), "src");
+  if (src) {
+    if (proxy->protocol == kProtoRtsp)
+      g_object_set(src, "eos", TRUE, nullptr);  // the source ends its own stream
+    else
+      gst_element_send_event(src, gst_event_new_eos());
+    gst_object_unref(src);
+  }
+  // A thread pulling frames sets wait_eos when the end arrives.
+  int polls = 0;
+  while (polls < kStopPolls && !proxy->wait_eos.load(std::memory_order_relaxed)) {
+    usleep(kStopPollUs);
+    polls++;
+  }
+  HalPrint("----->pl%d spent time:%d ms or wait eos\n", proxy->iId, polls * 20);
+  return GstPipelineStop(proxy);
+}
+
+void qo_VideoStreamClose(qo_StrmHandle handle) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!proxy) {
+    HalPrint("#>%s():Error handle is null\n", __func__);
+    return;
+  }
+  if (proxy->state.load(std::memory_order_relaxed) == -1) {
+    // Never started (or the start failed): the record stays allocated.
+    HalPrint("#>%s():video stream state is error\n", __func__);
+    return;
+  }
+  MultiStreamProxy* gproxy = &kGstProxy;
+  pthread_mutex_lock(&gproxy->lock);
+  GstPipelineDestory(proxy);
+  qo_VideoStreamDeinit();
+  pthread_mutex_unlock(&gproxy->lock);
+}
+
+void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int timeout) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!frame) {
+    HalPrint("#>%s():Error frame is null\n", __func__);
+    return;
+  }
+  if (!proxy) {
+    HalPrint("#>%s():Error handle is null\n", __func__);
+    frame->eos = 1;
+    frame->data = nullptr;
+    return;
+  }
+  frame->eos = 0;
+  if (!proxy->appsink) {
+    // Not started: no frame will ever come.
+    HalPrint("#>%s():video stream state is error\n", __func__);
+    frame->eos = 1;
+    frame->data = nullptr;
+    return;
+  }
+  GstClockTime wait =
+      timeout < 1 ? GST_CLOCK_TIME_NONE : static_cast<GstClockTime>(timeout) * GST_SECOND;
+  GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(proxy->appsink), wait);
+  if (!sample) {
+    if (gst_app_sink_is_eos(GST_APP_SINK(proxy->appsink))) {
+      g_print("--------->video in recived eos from stream !!!!");
+      fflush(stdout);
+      frame->eos = 1;
+      frame->data = nullptr;
+      proxy->wait_eos.store(1, std::memory_order_relaxed);
+    } else {
+      HalPrint("########> retry timeout:%dS!\n", timeout);
+      frame->eos = 0;
+      frame->data = nullptr;
+    }
+    return;
+  }
+  SampleGetFrame(proxy, sample, frame);
+}
+
+void qo_VideoStreamFrameFree(qo_StreamInfo* frame) {
+  if (frame) QOMemFree(frame->data);
+}
