@@ -1,0 +1,39 @@
+/* live555src: RTSP client source with one always-present "src" pad that
+ * delivers the depayloaded video elementary stream (H.264, H.265 or JPEG).
+ *
+ * Inside, GStreamer's rtspsrc and the depayloader matching the announced
+ * encoding are built per connection; the ghost "src" pad stays for the life
+ * of the element, so pipelines link at parse time. Buffers carry the
+ * sender's wall-clock time (unix epoch, ns) as a GstReferenceTimestampMeta
+ * with caps "timestamp/x-unix" once an RTCP sender report has arrived.
+ */
+#ifndef QO_GST_GSTLIVE555SRC_H_
+#define QO_GST_GSTLIVE555SRC_H_
+
+#include <gst/gst.h>
+
+G_BEGIN_DECLS
+
+#define GST_TYPE_LIVE555_SRC (gst_live555_src_get_type())
+#define GST_LIVE555_SRC(obj) \
+  (G_TYPE_CHECK_INSTANCE_CAST((obj), GST_TYPE_LIVE555_SRC, GstLive555Src))
+#define GST_IS_LIVE555_SRC(obj) (G_TYPE_CHECK_INSTANCE_TYPE((obj), GST_TYPE_LIVE555_SRC))
+
+typedef struct _GstLive555Src GstLive555Src;
+typedef struct _GstLive555SrcClass GstLive555SrcClass;
+
+GType gst_live555_src_get_type(void);
+
+/* Makes "live555src" available to gst_element_factory_make and
+ * gst_parse_launch in this process. Call after gst_init; calling again is
+ * harmless. When the registry already knows the element (the plugin module
+ * is installed), that one is used and nothing is registered here. Returns
+ * TRUE when the element is available. */
+gboolean qo_live555src_register_static(void);
+
+/* Registers the element with @plugin (used by the plugin module). */
+gboolean qo_live555src_register(GstPlugin* plugin);
+
+G_END_DECLS
+
+#endif /* QO_GST_GSTLIVE555SRC_H_ */
