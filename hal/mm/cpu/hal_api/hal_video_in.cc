@@ -200,9 +200,8 @@ void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo
     if (meta)
       ts = meta->timestamp;
     else
-      HalPrint(
-          "########>%s():gst_buffer_get_reference_timestamp_meta get timestamp is failed!\n",
-          __func__);
+      HalPrint("########>%s():gst_buffer_get_reference_timestamp_meta get timestamp is failed!\n",
+               __func__);
   } else if (buffer) {
     ts = GST_BUFFER_DTS(buffer);
     if (!GST_CLOCK_TIME_IS_VALID(ts)) ts = GST_BUFFER_PTS(buffer);
