@@ -5,7 +5,10 @@ ASAN_BUILD ?= build/asan
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 
-SAN_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1:detect_stack_use_after_return=0 \
+# fast_unwind_on_malloc=0: GLib and GStreamer are built without frame
+# pointers, so fast unwinding stops at g_malloc and the suppressions in
+# tests/lsan.supp (which name deeper frames) could never match.
+SAN_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1:detect_stack_use_after_return=0:fast_unwind_on_malloc=0 \
           LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp:print_suppressions=0 \
           UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
