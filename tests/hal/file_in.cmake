@@ -3,4 +3,8 @@
 qo_add_gtest(hal_file_in_roundtrip_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/file_in_roundtrip_test.cc
   LIBS qosdkmm qotestmedia PkgConfig::GST
-  LABELS hal file_in)
+  LABELS hal)
+qo_add_gtest(hal_file_in_control_test
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/file_in_control_test.cc
+  LIBS qosdkmm qotestmedia PkgConfig::GST
+  LABELS hal)

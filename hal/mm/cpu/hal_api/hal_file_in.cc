@@ -321,7 +321,9 @@ QO_C_API int qo_VideoFilePutStream(qo_VideoFileHandle handle, qo_VideoStream* st
     if (stream->free_func != nullptr) stream->free_func(stream->priv);
     return 0;
   }
-  if (stream->stream.size < 0 || stream->stream.data == nullptr) {
+  // Also refused once a failed start released the pipeline: the orphaned
+  // appsrc would otherwise queue the bytes for nobody.
+  if (stream->stream.size < 0 || stream->stream.data == nullptr || pvf->pipeline == nullptr) {
     if (stream->free_func != nullptr) stream->free_func(stream->priv);
     return -1;
   }

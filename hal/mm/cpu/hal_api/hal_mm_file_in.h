@@ -40,7 +40,8 @@ QO_EXPORT int qo_VideoFileStart(qo_VideoFileHandle handle);
  * - While the input queue is full, waits for room: up to `timeout` seconds
  *   (then returns 1 and the caller still owns the packet), or without limit
  *   when timeout < 1.
- * A packet with a negative size or no data is released and refused (-1). */
+ * A packet with a negative size or no data, or any packet after a failed
+ * start, is released and refused (-1). */
 QO_EXPORT int qo_VideoFilePutStream(qo_VideoFileHandle handle, qo_VideoStream* stream, int timeout);
 
 /* Pulls one frame, waiting up to `timeout` seconds (forever when < 1).
