@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -143,6 +144,9 @@ class LogMessageFatal {
     }
   }
   ~LogMessageFatal() noexcept(false) {
+    // When building the message threw (e.g. a nested fatal lookup), let that
+    // exception travel instead of ending the process.
+    if (std::uncaught_exceptions() > uncaught_) return;
     stream_ << "\n" << StackTrace(1, 10) << "\n";
     throw Error(stream_.str());
   }
@@ -152,6 +156,7 @@ class LogMessageFatal {
   std::ostream& stream() { return stream_; }
 
  private:
+  int uncaught_ = std::uncaught_exceptions();
   char time_text_[13];
   std::ostringstream stream_;
 };
