@@ -1,0 +1,122 @@
+// Arrays: reference counting across threads, side buffer, and the
+// serialised MediaTask header.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "core/qo_media_task.h"
+#include "core/qo_ndarray.h"
+#include "log_capture.h"
+
+namespace {
+
+std::atomic<int> g_deleter_runs{0};
+
+struct Frame {
+  uint8_t bytes[6] = {1, 2, 3, 4, 5, 6};
+};
+
+void FrameFree(qo::NDArray::Container* c) {
+  g_deleter_runs.fetch_add(1);
+  delete static_cast<Frame*>(c->manager_ctx);
+  delete c;
+}
+
+qo::NDArray MakeFrame() {
+  Frame* f = new Frame();
+  qo::ExtInfo ext{0, 2, 0, 0, 3, 2, 0, 0x1122334455667788ULL};
+  return qo::NDArray::UserEmpty({2, 3}, DLDataType{kDLInt, 8, 1}, DLContext{kDLCPU, 0}, ext,
+                                FrameFree, f, f->bytes);
+}
+
+TEST(NDArrayTest, UserArrayViewAndSideBuffer) {
+  g_deleter_runs = 0;
+  {
+    qo::NDArray a = MakeFrame();
+    EXPECT_EQ(a.GetTensorDataSize(), 6u);
+    EXPECT_EQ(static_cast<uint8_t*>(a.GetTensorData())[5], 6);
+    uint64_t word4;  // consumers read the time stamp as the fifth 8-byte word
+    std::memcpy(&word4, reinterpret_cast<const char*>(a.GetExtInfo()) + 32, 8);
+    EXPECT_EQ(word4, 0x1122334455667788ULL);
+    EXPECT_GE(a.GetBearDataCap(), 64u);
+    std::vector<int64_t> empty, flat{6}, bigger{7};
+    a.Shrink(empty, 1000);  // no shape keeps it; the used length is clamped
+    EXPECT_EQ(a.Shape(), (std::vector<int64_t>{2, 3}));
+    EXPECT_EQ(a.GetBearDataSize(), a.GetBearDataCap());
+    a.Shrink(flat, 20);
+    EXPECT_EQ(a.Shape(), flat);
+    EXPECT_THROW(a.Shrink(bigger, 0), qo::Error);
+  }
+  EXPECT_EQ(g_deleter_runs.load(), 1);
+  qo::NDArray empty = qo::NDArray::Empty(0, 0);
+  EXPECT_EQ(empty.GetTensorData(), nullptr);
+  EXPECT_EQ(empty.GetTensorDataSize(), 0u);
+  EXPECT_EQ(empty.GetBearDataCap(), 64u);
+  EXPECT_EQ(qo::NDArray().GetExtInfo(), nullptr);
+}
+
+TEST(NDArrayTest, DeleterRunsOnceWhenSharedAcrossThreads) {
+  g_deleter_runs = 0;
+  constexpr int kRounds = 200, kThreads = 6;
+  for (int round = 0; round < kRounds; ++round) {
+    qo::NDArray frame = MakeFrame();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([copy = frame]() mutable {
+        qo::NDArray more = copy;
+        copy = qo::NDArray();
+        more.reset();
+      });
+    }
+    frame.reset();  // the last reference may drop on any thread
+    for (std::thread& th : threads) th.join();
+    EXPECT_EQ(g_deleter_runs.load(), round + 1);
+  }
+}
+
+TEST(NDArrayTest, MediaTaskSerialisesHeaderAndCutsExtra) {
+  g_deleter_runs = 0;
+  qo::NDArray frame = MakeFrame();
+  auto* task = new qo::MediaTask();
+  task->data = frame;
+  task->source_id = -2;
+  task->time_stamp = 0x0102030405060708LL;
+  task->flag = 1;
+  task->extra.assign(100, 0xab);
+  qo::NDArray out = qo::TaskSerializeCustom<qo::MediaTask>(task);
+  EXPECT_EQ(out.get(), frame.get());
+  EXPECT_EQ(out.use_count(), 2);  // the task's own reference is gone
+  const uint8_t header[20] = {0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3,
+                              2,    1,    0,    0,    0, 0, 1, 0, 0, 0};
+  const uint8_t* bear = static_cast<const uint8_t*>(out.GetBearData());
+  EXPECT_EQ(std::memcmp(bear, header, 20), 0);
+  ASSERT_EQ(out.GetBearDataSize(), 64u);  // 44 bytes of extra fit
+  EXPECT_EQ(bear[63], 0xab);
+  EXPECT_EQ(out.Shape(), (std::vector<int64_t>{2, 3}));
+
+  task = new qo::MediaTask();
+  task->data = frame;
+  task->extra = {9, 8, 7};
+  EXPECT_EQ(qo::TaskSerializeCustom<qo::MediaTask>(task).GetBearDataSize(), 23u);
+
+  // A side buffer of exactly 20 bytes keeps only the header; a smaller one
+  // is left alone.
+  for (size_t cap : {20u, 10u}) {
+    auto* c = new qo::NDArray::Container();
+    c->bear_data = QOMemAlloc(cap, 64);
+    c->bear_cap = cap;
+    task = new qo::MediaTask();
+    task->data = qo::NDArray(c);
+    task->flag = 2;
+    task->extra = {1, 2, 3};
+    qo::NDArray small = qo::TaskSerializeCustom<qo::MediaTask>(task);
+    EXPECT_EQ(small.GetBearDataSize(), cap == 20 ? 20u : 0u);
+  }
+  out.reset();
+  frame.reset();
+  EXPECT_EQ(g_deleter_runs.load(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,94 @@
+// Registration by a loaded module, lookup and calls by name, argument
+// packing and duplicate registrations.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "core/qo_node.h"
+#include "core/qo_registry.h"
+#include "log_capture.h"
+
+namespace {
+
+void LoadModule() {
+  // Kept loaded: the registries hold functions that live in the module.
+  static void* handle = dlopen(QO_CORE_TEST_MODULE, RTLD_NOW);
+  ASSERT_NE(handle, nullptr) << dlerror();
+}
+
+bool Contains(const std::vector<std::string>& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+TEST(RegistryTest, LoadedModuleIsDrivenByName) {
+  LoadModule();
+  std::vector<std::string> names = qo::Registry::ListNames();
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_TRUE(Contains(names, "qo.test.echo.open"));
+  EXPECT_TRUE(Contains(qo::NodeClassRegistry::ListNames(), "qo::EchoNode"));
+  EXPECT_EQ(qo::Registry::Get("qo.test.missing"), nullptr);
+  EXPECT_EQ((*qo::Registry::Get("qo.test.registrations"))().AsString(),
+            "qo.test.echo.create,qo.test.echo.set.attr.int,qo.test.echo.open,qo::EchoNode");
+
+  qo::QORetValue rv = (*qo::Registry::Get("qo.test.echo.create"))();
+  ASSERT_EQ(rv.type_code(), qo::kHandle);
+  auto* node = static_cast<qo::Thread*>(rv.AsHandle());
+  qo::TaskQueue q(4);
+  ASSERT_TRUE(node->SetTxQue(&q, 0));
+  (*qo::Registry::Get("qo.test.echo.set.attr.int"))(node, "stream-id", 42);
+  // A failed check inside the module reaches the host as qo::Error.
+  EXPECT_THROW((*qo::Registry::Get("qo.test.echo.set.attr.int"))(node, "nope", 1), qo::Error);
+  (*qo::Registry::Get("qo.test.echo.open"))(node);
+  qo::TaskQueue::Task task;
+  ASSERT_TRUE(q.Pop(&task, 0));
+  qo::NDArray array = task.info->serialise(task.data);
+  EXPECT_EQ(static_cast<const uint8_t*>(array.GetBearData())[0], 42);
+  qo::NodeClassRegistry::Destroy("qo::EchoNode", node);
+
+  void* by_class = qo::NodeClassRegistry::Create("qo::EchoNode");
+  ASSERT_NE(by_class, nullptr);
+  EXPECT_EQ(static_cast<qo::Thread*>(by_class)->name(), "echo");
+  qo::NodeClassRegistry::Destroy("qo::EchoNode", by_class);
+  EXPECT_EQ(qo::NodeClassRegistry::Create("qo::Missing"), nullptr);
+}
+
+TEST(RegistryTest, DuplicateNamesAreFatalUnlessOverridden) {
+  LoadModule();
+  LogCapture silent(6);  // not filtered by the log level either
+  std::string text = ErrorText([] { qo::Registry::Register("qo.test.echo.open"); });
+  EXPECT_NE(text.find("global function qo.test.echo.open is already registered"),
+            std::string::npos);
+  qo::Registry& again = qo::Registry::Register("qo.test.echo.open", true);
+  EXPECT_EQ(again.name(), "qo.test.echo.open");
+  EXPECT_THROW(qo::NodeClassRegistry::Register("qo::EchoNode", nullptr, nullptr), qo::Error);
+
+  EXPECT_THROW(qo::ExtTypeVTable::Register(qo::kExtBegin), qo::Error);
+  EXPECT_EQ(qo::ExtTypeVTable::Get(99), nullptr);
+}
+
+TEST(RegistryTest, CallsPackEveryArgumentKind) {
+  // Static: the registered body outlives this test.
+  static std::vector<int> codes;
+  static std::vector<std::string> texts;
+  qo::Registry::Register("qo.test.pack").set_body([](qo::QOArgs args, qo::QORetValue* rv) {
+    for (int i = 0; i < args.size(); ++i) codes.push_back(args.type_codes[i]);
+    texts.push_back(args[3]);
+    texts.push_back(args[4]);
+    texts.push_back(args[7]);
+    *rv = static_cast<int>(args[0]) + static_cast<int64_t>(args.values[1].v_float64);
+  });
+  int x = 0;
+  std::string owned = "str";
+  DLDataType type{kDLFloat, 32, 1};
+  qo::QOByteArray bytes{"b\0y", 3};
+  qo::QORetValue rv =
+      (*qo::Registry::Get("qo.test.pack"))(40, 2.5, nullptr, "lit", owned, &x, type, bytes);
+  EXPECT_EQ(codes, (std::vector<int>{kDLInt, kDLFloat, qo::kNull, qo::kStr, qo::kStr, qo::kHandle,
+                                     qo::kQOType, qo::kBytes}));
+  EXPECT_EQ(texts, (std::vector<std::string>{"lit", "str", std::string("b\0y", 3)}));
+  EXPECT_EQ(rv.AsInt64(), 42);
+  EXPECT_THROW((*qo::Registry::Get("qo.test.pack"))(1), qo::Error);  // reads arg[3] of 1
+}
+
+}  // namespace
