@@ -68,12 +68,14 @@ std::string EncoderDescription(const StreamParams& p) {
       // counts come from option-string only.
       os << "x264enc speed-preset=veryfast threads=1 b-adapt=false bframes=" << p.b_frames;
       if (p.key_int > 0) os << " key-int-max=" << p.key_int;
+      if (p.bitrate_kbps > 0) os << " bitrate=" << p.bitrate_kbps;
       if (p.slices > 1) os << " option-string=\"slices=" << p.slices << "\"";
       break;
     }
     case Codec::kH265: {
       os << "x265enc speed-preset=veryfast";
       if (p.key_int > 0) os << " key-int-max=" << p.key_int;
+      if (p.bitrate_kbps > 0) os << " bitrate=" << p.bitrate_kbps;
       os << " option-string=\"bframes=" << p.b_frames << ":pools=1:frame-threads=1\"";
       break;
     }
@@ -90,6 +92,7 @@ std::string CacheName(const StreamParams& p) {
      << p.fps_num << "-" << p.fps_den << "_b" << p.b_frames << "_s" << p.slices << "_k" << p.key_int
      << "_p" << p.pattern;
   if (p.codec == Codec::kMjpeg) os << "_q" << p.jpeg_quality;
+  if (p.bitrate_kbps > 0) os << "_kb" << p.bitrate_kbps;
   os << (p.codec == Codec::kMjpeg ? ".mjpeg" : p.codec == Codec::kH265 ? ".h265" : ".h264");
   return os.str();
 }

@@ -50,6 +50,9 @@ struct StreamParams {
   int pattern = 18;
   // jpegenc "quality" for MJPEG.
   int jpeg_quality = 85;
+  // H.264/H.265 target bit rate in kbit/s (0 = encoder default). Pair a high
+  // rate with a busy pattern (1 = snow) for frames of realistic size.
+  int bitrate_kbps = 0;
 };
 
 // One access unit (or JPEG picture) as the parser outputs it.
