@@ -56,8 +56,8 @@ GstState CurrentState(GstElement* element) {
   return state;
 }
 
-// 32-bit signed product like the int arithmetic callers have always relied
-// on, wrapping instead of overflowing.
+// Products stay 32-bit signed like the callers' int arithmetic, but wrap
+// instead of overflowing into undefined behaviour.
 gint32 WrappingProduct(gint32 a, gint32 b) {
   return static_cast<gint32>(static_cast<guint32>(a) * static_cast<guint32>(b));
 }
@@ -225,7 +225,7 @@ QO_C_API void qo_VideoFileCfg(qo_VideoFileHandle handle, const char* property, i
     pvf->height = value;
   } else if (g_strcmp0(property, "size") == 0) {
     if (value != 0) {
-      // A negative product becomes a huge limit, as it always has.
+      // A negative product converts to a huge limit, i.e. no limit.
       guint64 max_bytes = static_cast<guint64>(static_cast<gint64>(WrappingProduct(value, 8)));
       g_object_set(pvf->source, "max-bytes", max_bytes, nullptr);
     } else {
