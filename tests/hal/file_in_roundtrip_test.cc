@@ -3,6 +3,7 @@
 // chain gives for the same file, with every packet released exactly once.
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,8 @@ std::string KindName(Kind kind) {
   }
   return "?";
 }
+
+void PrintTo(const Case& c, std::ostream* os) { *os << KindName(c.kind) << "/" << c.packet; }
 
 // Minimal Exp-Golomb reader over the first bytes of a slice header (the
 // fields read come before any emulation-prevention byte can occur).
