@@ -67,7 +67,7 @@ struct _GstLive555Src {
   GMutex eos_lock;    /* serialises pushing our own end-of-stream */
   gint eos_requested; /* atomic */
   gint eos_pushed;    /* atomic */
-  guint32 eos_seqnum;
+  gint playing;       /* atomic: the element is in PLAYING */
 };
 
 struct _GstLive555SrcClass {
@@ -97,60 +97,38 @@ GType gst_live555_src_get_type(void) {
 /* End of stream                                                            */
 
 /* Sends end-of-stream out of the ghost pad now, from the calling thread,
- * whether or not a server stream was ever set up. Deferred while the pads
- * are inactive (below PAUSED); change_state calls again then. */
+ * whether or not a server stream was ever set up. Deferred until PLAYING
+ * (change_state calls again then): below PAUSED the pads are inactive, and in
+ * a live PAUSED pipeline the sinks would hold the event until PLAYING, here
+ * possibly inside our own state change. */
 static void live555_src_push_eos(GstLive555Src* self) {
   GstEvent* event;
 
   g_mutex_lock(&self->eos_lock);
   if (!g_atomic_int_get(&self->eos_requested) || g_atomic_int_get(&self->eos_pushed) ||
-      GST_PAD_IS_FLUSHING(self->srcpad)) {
+      !g_atomic_int_get(&self->playing)) {
     g_mutex_unlock(&self->eos_lock);
     return;
   }
   g_atomic_int_set(&self->eos_pushed, 1);
 
-  /* Downstream needs a stream before its end; give it one if no server
-   * stream got that far. */
+  /* Downstream needs a stream before its end; start one if no server
+   * stream got that far. (No segment: that would need caps first.) */
   event = gst_pad_get_sticky_event(self->srcpad, GST_EVENT_STREAM_START, 0);
   if (event) {
     gst_event_unref(event);
   } else {
-    GstSegment segment;
     gchar* id = gst_pad_create_stream_id(self->srcpad, GST_ELEMENT(self), NULL);
     event = gst_event_new_stream_start(id);
     gst_event_set_group_id(event, gst_util_group_id_next());
     g_free(id);
     gst_pad_push_event(self->srcpad, event);
-    gst_segment_init(&segment, GST_FORMAT_TIME);
-    gst_pad_push_event(self->srcpad, gst_event_new_segment(&segment));
   }
 
   event = gst_event_new_eos();
-  self->eos_seqnum = gst_event_get_seqnum(event);
   GST_INFO_OBJECT(self, "sending end-of-stream");
   gst_pad_push_event(self->srcpad, event);
   g_mutex_unlock(&self->eos_lock);
-}
-
-/* Once end-of-stream is requested nothing from the server passes any more:
- * buffers and the server's own EOS are dropped, only ours goes out. */
-static GstPadProbeReturn live555_src_ghost_probe(GstPad* pad, GstPadProbeInfo* info,
-                                                 gpointer user_data) {
-  GstLive555Src* self = GST_LIVE555_SRC(user_data);
-  (void)pad;
-
-  if (!g_atomic_int_get(&self->eos_requested)) return GST_PAD_PROBE_OK;
-  if (info->type & (GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST))
-    return GST_PAD_PROBE_DROP;
-  if (info->type & GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM) {
-    GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
-    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS && g_atomic_int_get(&self->eos_pushed) &&
-        gst_event_get_seqnum(event) == self->eos_seqnum)
-      return GST_PAD_PROBE_OK;
-    if (GST_EVENT_TYPE(event) == GST_EVENT_EOS) return GST_PAD_PROBE_DROP;
-  }
-  return GST_PAD_PROBE_OK;
 }
 
 /* ------------------------------------------------------------------------ */
@@ -160,38 +138,42 @@ static GstPadProbeReturn live555_src_ghost_probe(GstPad* pad, GstPadProbeInfo* i
  * sender reports as "timestamp/x-ntp" (1900 epoch) and the depayloaders
  * keep it. Consumers compare with their own wall clock, so it is rewritten
  * as "timestamp/x-unix". */
+static gboolean live555_src_is_ntp_meta(GstMeta* m) {
+  GstReferenceTimestampMeta* meta;
+  if (m->info->api != GST_REFERENCE_TIMESTAMP_META_API_TYPE) return FALSE;
+  meta = (GstReferenceTimestampMeta*)m;
+  return meta->reference &&
+         gst_structure_has_name(gst_caps_get_structure(meta->reference, 0), "timestamp/x-ntp");
+}
+
+static gboolean live555_src_drop_ntp_meta(GstBuffer* buf, GstMeta** meta, gpointer user_data) {
+  (void)buf;
+  (void)user_data;
+  if (live555_src_is_ntp_meta(*meta)) *meta = NULL; /* removes it */
+  return TRUE;
+}
+
 static gboolean live555_src_convert_meta(GstBuffer** buf, guint idx, gpointer user_data) {
   GstLive555Src* self = GST_LIVE555_SRC(user_data);
-  GstReferenceTimestampMeta* meta;
   gpointer state = NULL;
   GstMeta* m;
-  GstClockTime ts = GST_CLOCK_TIME_NONE, duration = GST_CLOCK_TIME_NONE;
+  GstClockTime ts = 0, duration = GST_CLOCK_TIME_NONE;
   (void)idx;
 
+  /* A frame put together from several packets carries one meta per packet;
+   * the first is the frame's. */
   while (
       (m = gst_buffer_iterate_meta_filtered(*buf, &state, GST_REFERENCE_TIMESTAMP_META_API_TYPE))) {
-    meta = (GstReferenceTimestampMeta*)m;
-    if (meta->reference &&
-        gst_structure_has_name(gst_caps_get_structure(meta->reference, 0), "timestamp/x-ntp")) {
-      ts = meta->timestamp;
-      duration = meta->duration;
+    if (live555_src_is_ntp_meta(m)) {
+      ts = ((GstReferenceTimestampMeta*)m)->timestamp;
+      duration = ((GstReferenceTimestampMeta*)m)->duration;
       break;
     }
   }
   if (!m) return TRUE;
 
   *buf = gst_buffer_make_writable(*buf);
-  /* The writable copy carries copies of the metas: look the NTP one up again. */
-  state = NULL;
-  while (
-      (m = gst_buffer_iterate_meta_filtered(*buf, &state, GST_REFERENCE_TIMESTAMP_META_API_TYPE))) {
-    meta = (GstReferenceTimestampMeta*)m;
-    if (meta->reference &&
-        gst_structure_has_name(gst_caps_get_structure(meta->reference, 0), "timestamp/x-ntp")) {
-      gst_buffer_remove_meta(*buf, m);
-      break;
-    }
-  }
+  gst_buffer_foreach_meta(*buf, live555_src_drop_ntp_meta, NULL);
   /* An NTP time before 1970 is no wall-clock time: leave no meta. */
   if (ts >= NTP_TO_UNIX_OFFSET)
     gst_buffer_add_reference_timestamp_meta(*buf, self->unix_ts_caps, ts - NTP_TO_UNIX_OFFSET,
@@ -202,6 +184,11 @@ static gboolean live555_src_convert_meta(GstBuffer** buf, guint idx, gpointer us
 static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* info,
                                                  gpointer user_data) {
   (void)pad;
+  /* Once end-of-stream is requested nothing from the server passes any more.
+   * Dropped here, at the depayloader's source pad, the server stream's
+   * buffers and events never reach the ghost pad, which carries only our
+   * own end from then on. */
+  if (g_atomic_int_get(&GST_LIVE555_SRC(user_data)->eos_requested)) return GST_PAD_PROBE_DROP;
   if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
     GstBuffer* buf = GST_PAD_PROBE_INFO_BUFFER(info);
     live555_src_convert_meta(&buf, 0, user_data);
@@ -287,8 +274,8 @@ static void live555_src_pad_added(GstElement* rtspsrc, GstPad* pad, gpointer use
   g_mutex_unlock(&self->lock);
 
   depay_src = gst_element_get_static_pad(depay, "src");
-  gst_pad_add_probe(depay_src, GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST,
-                    live555_src_depay_probe, self, NULL);
+  gst_pad_add_probe(depay_src, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, live555_src_depay_probe, self,
+                    NULL);
   sinkpad = gst_element_get_static_pad(depay, "sink");
   if (gst_pad_link(pad, sinkpad) != GST_PAD_LINK_OK ||
       !gst_ghost_pad_set_target(GST_GHOST_PAD(self->srcpad), depay_src)) {
@@ -364,6 +351,9 @@ static GstStateChangeReturn gst_live555_src_change_state(GstElement* element,
     case GST_STATE_CHANGE_NULL_TO_READY:
       if (!live555_src_build_inner(self)) return GST_STATE_CHANGE_FAILURE;
       break;
+    case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
+      g_atomic_int_set(&self->playing, 0);
+      break;
     case GST_STATE_CHANGE_PAUSED_TO_READY:
       g_mutex_lock(&self->lock);
       self->shutting_down = TRUE;
@@ -383,6 +373,9 @@ static GstStateChangeReturn gst_live555_src_change_state(GstElement* element,
     case GST_STATE_CHANGE_READY_TO_PAUSED:
       /* Live: nothing to preroll. */
       ret = GST_STATE_CHANGE_NO_PREROLL;
+      break;
+    case GST_STATE_CHANGE_PAUSED_TO_PLAYING:
+      g_atomic_int_set(&self->playing, 1);
       live555_src_push_eos(self);
       break;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:
@@ -543,8 +536,6 @@ static void gst_live555_src_init(GTypeInstance* instance, gpointer klass) {
 
   self->srcpad = gst_ghost_pad_new_no_target_from_template("src", templ);
   gst_object_unref(templ);
-  gst_pad_add_probe(self->srcpad, GST_PAD_PROBE_TYPE_DATA_DOWNSTREAM, live555_src_ghost_probe, self,
-                    NULL);
   gst_element_add_pad(GST_ELEMENT(self), self->srcpad);
 
   GST_OBJECT_FLAG_SET(self, GST_ELEMENT_FLAG_SOURCE);
@@ -557,21 +548,12 @@ gboolean qo_live555src_register(GstPlugin* plugin) {
   return gst_element_register(plugin, "live555src", GST_RANK_NONE, GST_TYPE_LIVE555_SRC);
 }
 
+/* The built-in copy always wins, so the library runs the element it was
+ * built with. An installed plugin module may already have put "live555src"
+ * into the registry; registering replaces that factory, and as the GType
+ * names differ, loading the module later still does not clash. */
 static gpointer live555_src_register_once(gpointer data) {
-  GstPluginFeature* feature;
   (void)data;
-
-  /* An installed plugin module provides the element already: use that. */
-  feature = gst_registry_lookup_feature(gst_registry_get(), "live555src");
-  if (feature) {
-    GstPluginFeature* loaded = gst_plugin_feature_load(feature);
-    gst_object_unref(feature);
-    if (loaded) {
-      gst_object_unref(loaded);
-      return GINT_TO_POINTER(TRUE);
-    }
-    GST_WARNING("installed live555src does not load; using the built-in one");
-  }
   return GINT_TO_POINTER(gst_plugin_register_static(
       GST_VERSION_MAJOR, GST_VERSION_MINOR, "qolive555src", "RTSP video source (built in)",
       qo_live555src_register, LIVE555_SRC_VERSION, "Proprietary", "libqosdkmm", "qosdkmm",

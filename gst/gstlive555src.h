@@ -24,11 +24,10 @@ typedef struct _GstLive555SrcClass GstLive555SrcClass;
 
 GType gst_live555_src_get_type(void);
 
-/* Makes "live555src" available to gst_element_factory_make and
- * gst_parse_launch in this process. Call after gst_init; calling again is
- * harmless. When the registry already knows the element (the plugin module
- * is installed), that one is used and nothing is registered here. Returns
- * TRUE when the element is available. */
+/* Makes the built-in "live555src" the one gst_element_factory_make and
+ * gst_parse_launch use in this process, also when the plugin module is
+ * installed. Call after gst_init; calling again is harmless. Returns TRUE
+ * when the element is available. */
 gboolean qo_live555src_register_static(void);
 
 /* Registers the element with @plugin (used by the plugin module). */
