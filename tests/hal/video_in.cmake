@@ -19,3 +19,10 @@ qo_add_gtest(hal_video_in_file_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/video_in_file_test.cc
   LIBS qo_video_in_test_util qotestmedia PkgConfig::GST
   LABELS hal video_in)
+
+if(TARGET qotestrtsp)
+  qo_add_gtest(hal_video_in_rtsp_test
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/video_in_rtsp_test.cc
+    LIBS qo_video_in_test_util qotestrtsp PkgConfig::GST
+    LABELS hal video_in)
+endif()

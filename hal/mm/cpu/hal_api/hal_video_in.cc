@@ -13,13 +13,9 @@
 #include <cstring>
 
 #include "core/qo_c_runtime_api.h"
+#include "gstlive555src.h"
 #include "hal_mm_video_in.h"
 #include "hal_video_in_internal.h"
-
-#if __has_include("gstlive555src.h")
-#include "gstlive555src.h"
-#define QO_HAVE_LIVE555SRC 1
-#endif
 
 MultiStreamProxy kGstProxy = {nullptr, 0, 0, 0, 0, PTHREAD_MUTEX_INITIALIZER, {}, {0}};
 
@@ -238,9 +234,9 @@ int qo_VideoStreamInit() {
   } else {
     proxy->gst_init_flag = 1;
     gst_init(nullptr, nullptr);
-#ifdef QO_HAVE_LIVE555SRC
-    qo_live555src_register_static();
-#endif
+    // Our RTSP source is built in: no plugin path to set up.
+    if (!qo_live555src_register_static())
+      HalPrint("#>%s():live555src is not available!\n", __func__);
   }
   proxy->loop = g_main_loop_new(nullptr, FALSE);
   if (!proxy->loop) {
