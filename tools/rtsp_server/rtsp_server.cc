@@ -64,7 +64,11 @@ std::string LaunchFor(const RtspStreamSpec& s) {
                       "h264parse ! ",
                       loc.c_str(), s.fps);
       }
-      return "( " + src + buf + "rtph264pay name=pay0 pt=96 config-interval=-1 )";
+      // Parameter sets once per second, not before every IDR slice: x264's
+      // zerolatency tuning cuts pictures into several slices, and parameter
+      // sets between two slices of one picture make the depayloader start a
+      // new access unit in the middle of the picture.
+      return "( " + src + buf + "rtph264pay name=pay0 pt=96 config-interval=1 )";
     case RtspCodec::kH265:
       if (s.file.empty()) {
         std::snprintf(buf, sizeof(buf),
