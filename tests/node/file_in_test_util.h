@@ -1,5 +1,5 @@
 // Shared pieces of the file input node tests: generated streams, scratch
-// files, log capture and a run of the node to its end.
+// files, log capture and a run of the node through the host.
 #ifndef QO_TESTS_NODE_FILE_IN_TEST_UTIL_H_
 #define QO_TESTS_NODE_FILE_IN_TEST_UTIL_H_
 
@@ -21,6 +21,7 @@ namespace filein_node_test {
 using testhost::HostNode;
 using testhost::ReceivedTask;
 using testhost::TaskCollector;
+using Tasks = std::vector<ReceivedTask>;
 
 constexpr char kPrefix[] = "qo.mm.file.in";
 constexpr int kWaitMs = 60000;
@@ -30,22 +31,16 @@ struct Media {
   size_t units = 0;  // access units as the parser sees them
 };
 
-inline Media MakeMedia(testmedia::StreamParams p) {
-  Media m;
-  m.path = testmedia::GenerateStream(p);
-  EXPECT_FALSE(m.path.empty());
-  m.units = testmedia::ReferenceAccessUnits(m.path, p.codec).size();
-  EXPECT_GT(m.units, 0u);
-  return m;
-}
-
 // A small H.264 stream; distinct frame counts give distinct files.
 inline Media H264(int frames) {
   testmedia::StreamParams p;
   p.width = 96;
   p.height = 64;
   p.frames = frames;
-  return MakeMedia(p);
+  Media m{testmedia::GenerateStream(p), 0};
+  m.units = testmedia::ReferenceAccessUnits(m.path, p.codec).size();
+  EXPECT_GT(m.units, 0u) << m.path;
+  return m;
 }
 
 // A per-test scratch directory in the build tree.
@@ -63,21 +58,16 @@ inline std::string WriteText(const std::string& path, const std::string& text) {
   return path;
 }
 
-inline size_t CountFlag(const std::vector<ReceivedTask>& tasks, int32_t flag) {
+inline size_t CountFlag(const Tasks& tasks, int32_t flag) {
   size_t n = 0;
   for (const ReceivedTask& t : tasks) n += t.flag == flag ? 1 : 0;
   return n;
 }
 
-inline bool Ended(const std::vector<ReceivedTask>& tasks) {
-  return !tasks.empty() && tasks.back().flag != 0;
-}
-
-inline bool HasLine(const std::vector<std::string>& lines, const std::string& text) {
-  for (const std::string& l : lines) {
-    if (l.find(text) != std::string::npos) return true;
-  }
-  return false;
+inline size_t CountLines(const std::vector<std::string>& lines, const std::string& text) {
+  size_t n = 0;
+  for (const std::string& l : lines) n += l.find(text) != std::string::npos ? 1 : 0;
+  return n;
 }
 
 // The files the node opened, in order (from its "<path> opened" lines).
@@ -93,14 +83,14 @@ inline std::vector<std::string> Opened(const std::vector<std::string>& lines) {
 }
 
 struct RunResult {
-  std::vector<ReceivedTask> tasks;
-  std::vector<std::string> logs;
+  Tasks tasks;
+  std::vector<std::string> logs;  // severity 1 and up
   size_t frames = 0;
 };
 
-// Configures a node (unpaced, port 0), opens it, waits for its final task,
-// closes and destroys it. Logs are captured from severity 1 up.
-inline RunResult RunToEnd(const std::function<void(HostNode&)>& configure) {
+// Configures a node (unpaced, port 0) and opens it; waits for its final task
+// or, with stop_after, for that many frames; then closes and destroys it.
+inline RunResult RunNode(const std::function<void(HostNode&)>& configure, size_t stop_after = 0) {
   RunResult r;
   LogCapture logs(1);
   TaskCollector out;
@@ -108,9 +98,16 @@ inline RunResult RunToEnd(const std::function<void(HostNode&)>& configure) {
     HostNode node(kPrefix);
     node.thread()->SetTxQue(out.queue(), 0);
     node.SetDouble("framerate", 0.0);
+    // A close before the output has drained can leave the output thread to
+    // end through its pull time-outs: keep them short.
+    if (stop_after > 0) node.SetInt("timeout", 1);
     configure(node);
     node.Open();
-    EXPECT_TRUE(out.WaitFor(Ended, kWaitMs));
+    EXPECT_TRUE(out.WaitFor(
+        [&](const Tasks& t) {
+          return stop_after > 0 ? CountFlag(t, 0) >= stop_after : !t.empty() && t.back().flag;
+        },
+        kWaitMs));
     node.Close();
   }
   out.Stop();
