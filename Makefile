@@ -37,7 +37,13 @@ asan-test: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && $(SAN_ENV) ctest --output-on-failure -j $(JOBS) --timeout 600
 
-install: build
+# A system install: libraries and headers under /usr/local, the live555src
+# plugin module into GStreamer's own plugin directory so gst-inspect-1.0 and
+# gst-launch-1.0 find it.
+install: deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) \
+	  -DQO_GST_PLUGIN_INSTALL_DIR=$$(pkg-config --variable=pluginsdir gstreamer-1.0)
+	cmake --build $(BUILD) -j $(JOBS)
 	cmake --install $(BUILD)
 
 clean:
