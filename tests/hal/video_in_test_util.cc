@@ -1,10 +1,9 @@
 #include "video_in_test_util.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -18,93 +17,74 @@ StdoutCapture::StdoutCapture() {
   fflush(stdout);
   char path[] = "/tmp/qo-video-in-stdout-XXXXXX";
   file_fd_ = mkstemp(path);
-  if (file_fd_ < 0) return;
   unlink(path);
   saved_fd_ = dup(STDOUT_FILENO);
   dup2(file_fd_, STDOUT_FILENO);
-  active_ = true;
 }
 
-StdoutCapture::~StdoutCapture() { Finish(); }
-
 std::string StdoutCapture::Text() const {
-  if (!active_) return text_;
+  if (file_fd_ < 0) return text_;
   fflush(stdout);
   std::string text;
   char buf[4096];
-  off_t off = 0;
-  for (;;) {
-    ssize_t n = pread(file_fd_, buf, sizeof(buf), off);
-    if (n <= 0) break;
+  ssize_t n;
+  while ((n = pread(file_fd_, buf, sizeof(buf), static_cast<off_t>(text.size()))) > 0)
     text.append(buf, static_cast<size_t>(n));
-    off += n;
-  }
   return text;
 }
 
-bool StdoutCapture::WaitFor(const std::string& needle, std::chrono::milliseconds timeout) const {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  for (;;) {
-    if (Text().find(needle) != std::string::npos) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
+bool StdoutCapture::WaitFor(const std::string& needle, int timeout_ms) const {
+  for (int waited = 0; !Has(needle); waited += 5) {
+    if (waited >= timeout_ms) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  return true;
 }
 
 std::string StdoutCapture::Finish() {
-  if (!active_) return text_;
+  if (file_fd_ < 0) return text_;
   text_ = Text();
   dup2(saved_fd_, STDOUT_FILENO);
   close(saved_fd_);
   close(file_fd_);
-  active_ = false;
+  file_fd_ = -1;
   fwrite(text_.data(), 1, text_.size(), stdout);
   fflush(stdout);
   return text_;
 }
 
-size_t CountOccurrences(const std::string& text, const std::string& needle) {
+size_t Count(const std::string& text, const std::string& needle) {
   size_t n = 0;
-  for (size_t pos = text.find(needle); pos != std::string::npos;
-       pos = text.find(needle, pos + needle.size()))
-    n++;
+  for (size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) n++;
   return n;
 }
 
-int GstloopThreadCount() {
+int GstloopThreads() {
   int count = 0;
   DIR* dir = opendir("/proc/self/task");
-  if (!dir) return -1;
-  while (struct dirent* e = readdir(dir)) {
-    if (e->d_name[0] == '.') continue;
+  while (struct dirent* e = dir ? readdir(dir) : nullptr) {
     std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
     std::string name;
     if (std::getline(comm, name) && name == "Gstloop") count++;
   }
-  closedir(dir);
+  if (dir) closedir(dir);
   return count;
 }
 
-std::string MakeFillerFile(size_t size) {
-  char path[] = "/tmp/qo-video-in-filler-XXXXXX";
-  int fd = mkstemp(path);
-  if (fd < 0) return "";
-  std::string bytes(size, '\x5a');
-  ssize_t n = write(fd, bytes.data(), bytes.size());
-  close(fd);
-  if (n != static_cast<ssize_t>(size)) return "";
-  return path;
+int64_t MonotonicNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 bool PullFrame(qo_StrmHandle h, int timeout_s, Frame* frame, bool* eos) {
   qo_StreamInfo info{};
   qo_VideoStreamGetFrame(h, &info, timeout_s);
-  if (info.data == nullptr) {
-    *eos = info.eos != 0;
-    return false;
-  }
-  *eos = false;
-  frame->wall_ns = RealtimeNs();
+  *eos = info.eos != 0;
+  if (info.data == nullptr) return false;
+  timespec ts;
+  clock_gettime(CLOCK_REALTIME, &ts);
+  frame->wall_ns = static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
   frame->data.assign(info.data, info.data + info.size);
   frame->time_stamp = info.time_stamp;
   frame->format = info.format;
@@ -114,63 +94,38 @@ bool PullFrame(qo_StrmHandle h, int timeout_s, Frame* frame, bool* eos) {
   return true;
 }
 
-DrainResult Drain(qo_StrmHandle h, int timeout_s, size_t max_frames) {
-  DrainResult r;
-  while (r.frames.size() < max_frames) {
+bool Drain(qo_StrmHandle h, int timeout_s, std::vector<Frame>* frames) {
+  for (;;) {
     Frame f;
     bool eos = false;
-    if (!PullFrame(h, timeout_s, &f, &eos)) {
-      r.eos = eos;
-      break;
-    }
-    r.frames.push_back(std::move(f));
+    if (!PullFrame(h, timeout_s, &f, &eos)) return eos;
+    frames->push_back(std::move(f));
   }
-  return r;
 }
 
 Puller::Puller(qo_StrmHandle h, int timeout_s, int delay_ms)
-    : handle_(h), timeout_s_(timeout_s), delay_ms_(delay_ms), thread_([this] { Run(); }) {}
-
-Puller::~Puller() { Join(); }
+    : thread_([this, h, timeout_s, delay_ms] {
+        while (!quit_.load()) {
+          Frame f;
+          bool eos = false;
+          if (PullFrame(h, timeout_s, &f, &eos)) {
+            frames++;
+            std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
+          } else if (eos) {
+            saw_eos = true;
+            return;
+          }
+        }
+      }) {}
 
 void Puller::Join() {
-  quit_.store(true);
+  quit_ = true;
   if (thread_.joinable()) thread_.join();
 }
 
-void Puller::Run() {
-  pthread_setname_np(pthread_self(), "test_puller");
-  while (!quit_.load()) {
-    Frame f;
-    bool eos = false;
-    if (PullFrame(handle_, timeout_s_, &f, &eos)) {
-      frames_.fetch_add(1);
-      if (delay_ms_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms_));
-      continue;
-    }
-    if (eos) {
-      eos_at_ns_.store(MonotonicNs());
-      saw_eos_.store(true);
-      return;
-    }
-  }
-}
-
-int64_t MonotonicNs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-int64_t RealtimeNs() {
-  timespec ts;
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-void ParkHandle(qo_StrmHandle h) {
+void Park(qo_StrmHandle h) {
   static std::mutex mu;
-  static std::vector<qo_StrmHandle>* parked = new std::vector<qo_StrmHandle>();
+  static auto* parked = new std::vector<qo_StrmHandle>();
   std::lock_guard<std::mutex> lock(mu);
   parked->push_back(h);
 }
