@@ -6,6 +6,12 @@
  * of the element, so pipelines link at parse time. Buffers carry the
  * sender's wall-clock time (unix epoch, ns) as a GstReferenceTimestampMeta
  * with caps "timestamp/x-unix" once an RTCP sender report has arrived.
+ *
+ * A lost connection (closed, refused, or silent for "timeout" ms) is
+ * re-established by the element itself ("reconnect", on by default) with a
+ * jittered exponential back-off; the src pad stays and no end-of-stream goes
+ * out for the loss. Connection states are posted as "live555src-state"
+ * element messages. Writing "eos" TRUE ends the stream at once.
  */
 #ifndef QO_GST_GSTLIVE555SRC_H_
 #define QO_GST_GSTLIVE555SRC_H_

@@ -16,3 +16,11 @@ qo_add_gtest(live555src_register_test
   LABELS gst)
 # The module must be built for the test to find it.
 add_dependencies(live555src_register_test gstlive555src)
+
+# Reconnection: a server that restarts, drops, refuses or freezes.
+if(TARGET qotestrtsp)
+  qo_add_gtest(live555src_reconnect_test
+    SOURCES ${CMAKE_CURRENT_LIST_DIR}/live555src_reconnect_test.cc
+    LIBS qolive555src qotestrtsp PkgConfig::GST
+    LABELS gst)
+endif()

@@ -206,7 +206,8 @@ TEST(Live555SrcFileReplayTest, ReplaysFilesInALoop) {
 }
 
 // Credentials given in the URL satisfy a server that requires them; without
-// them the server refuses and the error reaches the bus.
+// them the server refuses: the error reaches the bus without reconnection,
+// and is the reason of each lost attempt with it.
 TEST(Live555SrcAuthTest, CredentialsInTheUrl) {
   InitGstWithLive555Src();
   TestRtspServer::Options opts;
@@ -222,10 +223,21 @@ TEST(Live555SrcAuthTest, CredentialsInTheUrl) {
     EXPECT_TRUE(rx.WaitSamples(5, 10000));
   }
   {
-    Receiver rx(Launch(server.Url("h264"), kH264, 4));
+    Receiver rx(Launch(server.Url("h264") + " reconnect=false", kH264, 4));
     ASSERT_TRUE(rx.ok());
     rx.SetState(GST_STATE_PLAYING);
     EXPECT_NE(rx.WaitError(10000), "");
+    EXPECT_EQ(rx.samples().size(), 0u);
+  }
+  {
+    Receiver rx(Launch(server.Url("h264"), kH264, 4));
+    ASSERT_TRUE(rx.ok());
+    rx.SetState(GST_STATE_PLAYING);
+    int lost = rx.WaitState("lost", 10000);
+    ASSERT_GE(lost, 0);
+    EXPECT_FALSE(rx.states()[lost].reason.empty());
+    EXPECT_GE(rx.WaitState("lost", 10000, lost + 1), 0) << "refused again after a retry";
+    EXPECT_EQ(rx.WaitError(0), "");
     EXPECT_EQ(rx.samples().size(), 0u);
   }
 }

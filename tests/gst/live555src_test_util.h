@@ -1,5 +1,6 @@
 // Shared by the live555src tests: a receiving pipeline that records what
-// reaches its appsink, with wall-clock arrival times.
+// reaches its appsink (with wall-clock arrival times) and the element's
+// connection-state messages.
 #ifndef QO_TESTS_GST_LIVE555SRC_TEST_UTIL_H_
 #define QO_TESTS_GST_LIVE555SRC_TEST_UTIL_H_
 
@@ -7,6 +8,7 @@
 #include <gst/gst.h>
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -44,6 +46,16 @@ struct ReceivedSample {
   bool has_other_ts = false;  // a reference meta with other caps
   int64_t unix_ts = 0;
   int64_t arrival = 0;  // CLOCK_REALTIME ns
+  bool delta = false;   // GST_BUFFER_FLAG_DELTA_UNIT
+};
+
+// One "live555src-state" element message.
+struct StateMessage {
+  std::string state;
+  unsigned attempt = 0;
+  unsigned delay_ms = 0;  // "retrying" only
+  std::string reason;     // "lost" only
+  int64_t at_ms = 0;      // MonotonicMs() when posted
 };
 
 // `launch` must name the source "src" and end in "appsink name=sink".
@@ -58,6 +70,15 @@ class Receiver {
     }
     if (!pipeline_) return;
     src_ = gst_bin_get_by_name(GST_BIN(pipeline_), "src");
+    GstBus* bus = gst_element_get_bus(pipeline_);
+    gst_bus_set_sync_handler(
+        bus,
+        [](GstBus*, GstMessage* m, gpointer d) {
+          static_cast<Receiver*>(d)->OnMessage(m);
+          return GST_BUS_PASS;
+        },
+        this, nullptr);
+    gst_object_unref(bus);
     GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline_), "sink");
     if (sink) {
       GstAppSinkCallbacks cb = {};
@@ -72,6 +93,9 @@ class Receiver {
   ~Receiver() {
     if (pipeline_) {
       gst_element_set_state(pipeline_, GST_STATE_NULL);
+      GstBus* bus = gst_element_get_bus(pipeline_);
+      gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+      gst_object_unref(bus);
       gst_object_unref(pipeline_);
     }
     if (src_) gst_object_unref(src_);
@@ -114,6 +138,36 @@ class Receiver {
     std::lock_guard<std::mutex> lock(mu_);
     return after_eos_;
   }
+  std::vector<StateMessage> states() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return states_;
+  }
+  // Waits for a state message `state` at index >= from; returns its index or -1.
+  int WaitState(const std::string& state, int timeout_ms, size_t from = 0) {
+    std::unique_lock<std::mutex> lock(mu_);
+    int found = -1;
+    cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+      for (size_t i = from; i < states_.size(); ++i) {
+        if (states_[i].state == state) {
+          found = static_cast<int>(i);
+          return true;
+        }
+      }
+      return false;
+    });
+    return found;
+  }
+  // The next sample is taken only after `ms` (downstream holds a buffer).
+  void HoldNextSample(int ms) { hold_next_ms_ = ms; }
+  // Errors and end-of-stream messages that reached the pipeline's bus.
+  size_t bus_errors() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return bus_errors_;
+  }
+  size_t bus_eos() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return bus_eos_;
+  }
 
   // The first error message on the bus within `timeout_ms`, or "".
   std::string WaitError(int timeout_ms) {
@@ -136,6 +190,9 @@ class Receiver {
     cv_.notify_all();
   }
   GstFlowReturn OnSample(GstAppSink* sink) {
+    // A consumer that holds the streaming thread for a while.
+    if (int ms = hold_next_ms_.exchange(0))
+      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
     int64_t now = RealtimeNs();
     GstSample* sample = gst_app_sink_pull_sample(sink);
     if (!sample) return GST_FLOW_EOS;
@@ -149,6 +206,7 @@ class Receiver {
     }
     GstBuffer* buf = gst_sample_get_buffer(sample);
     r.size = gst_buffer_get_size(buf);
+    r.delta = GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_DELTA_UNIT);
     gpointer state = nullptr;
     GstMeta* m;
     while ((
@@ -169,6 +227,26 @@ class Receiver {
     return GST_FLOW_OK;
   }
 
+  void OnMessage(GstMessage* m) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR) ++bus_errors_;
+    if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_EOS) ++bus_eos_;
+    const GstStructure* s = gst_message_get_structure(m);
+    if (GST_MESSAGE_TYPE(m) != GST_MESSAGE_ELEMENT || !s ||
+        !gst_structure_has_name(s, "live555src-state")) {
+      cv_.notify_all();
+      return;
+    }
+    StateMessage st;
+    st.at_ms = MonotonicMs();
+    if (const char* v = gst_structure_get_string(s, "state")) st.state = v;
+    if (const char* v = gst_structure_get_string(s, "reason")) st.reason = v;
+    gst_structure_get_uint(s, "attempt", &st.attempt);
+    gst_structure_get_uint(s, "delay-ms", &st.delay_ms);
+    states_.push_back(st);
+    cv_.notify_all();
+  }
+
   GstElement* pipeline_ = nullptr;
   GstElement* src_ = nullptr;
   std::string parse_error_;
@@ -177,7 +255,30 @@ class Receiver {
   std::vector<ReceivedSample> samples_;
   bool eos_ = false;
   size_t after_eos_ = 0;
+  std::vector<StateMessage> states_;
+  size_t bus_errors_ = 0;
+  size_t bus_eos_ = 0;
+  std::atomic<int> hold_next_ms_{0};
 };
+
+// Threads of this process with the given name (from /proc/self/task).
+inline int ThreadsNamed(const std::string& name) {
+  int n = 0;
+  GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+  if (!dir) return -1;
+  while (const char* tid = g_dir_read_name(dir)) {
+    gchar* path = g_strdup_printf("/proc/self/task/%s/comm", tid);
+    gchar* comm = nullptr;
+    if (g_file_get_contents(path, &comm, nullptr, nullptr)) {
+      g_strchomp(comm);
+      if (name == comm) ++n;
+      g_free(comm);
+    }
+    g_free(path);
+  }
+  g_dir_close(dir);
+  return n;
+}
 
 }  // namespace test
 }  // namespace qo
