@@ -1,5 +1,6 @@
-// Registration by a loaded module, lookup and calls by name, argument
-// packing and duplicate registrations.
+// A node module built as a shared library and loaded with dlopen: its
+// functions and node class are found and called by name; duplicate names
+// and argument packing.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -7,22 +8,17 @@
 
 #include "core/qo_node.h"
 #include "core/qo_registry.h"
-#include "log_capture.h"
+#include "test_common.h"
 
 namespace {
-
-void LoadModule() {
-  // Kept loaded: the registries hold functions that live in the module.
-  static void* handle = dlopen(QO_CORE_TEST_MODULE, RTLD_NOW);
-  ASSERT_NE(handle, nullptr) << dlerror();
-}
 
 bool Contains(const std::vector<std::string>& names, const std::string& name) {
   return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 TEST(RegistryTest, LoadedModuleIsDrivenByName) {
-  LoadModule();
+  // Kept loaded: the registries hold functions that live in the module.
+  ASSERT_NE(dlopen(QO_CORE_TEST_MODULE, RTLD_NOW), nullptr) << dlerror();
   std::vector<std::string> names = qo::Registry::ListNames();
   EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
   EXPECT_TRUE(Contains(names, "qo.test.echo.open"));
@@ -51,20 +47,15 @@ TEST(RegistryTest, LoadedModuleIsDrivenByName) {
   EXPECT_EQ(static_cast<qo::Thread*>(by_class)->name(), "echo");
   qo::NodeClassRegistry::Destroy("qo::EchoNode", by_class);
   EXPECT_EQ(qo::NodeClassRegistry::Create("qo::Missing"), nullptr);
-}
 
-TEST(RegistryTest, DuplicateNamesAreFatalUnlessOverridden) {
-  LoadModule();
-  LogCapture silent(6);  // not filtered by the log level either
-  std::string text = ErrorText([] { qo::Registry::Register("qo.test.echo.open"); });
-  EXPECT_NE(text.find("global function qo.test.echo.open is already registered"),
+  qo::testutil::LogCapture silent(6);  // duplicates are fatal at any level
+  EXPECT_NE(qo::testutil::ErrorText([] {
+              qo::Registry::Register("qo.test.echo.open");
+            }).find("global function qo.test.echo.open is already registered"),
             std::string::npos);
-  qo::Registry& again = qo::Registry::Register("qo.test.echo.open", true);
-  EXPECT_EQ(again.name(), "qo.test.echo.open");
+  EXPECT_EQ(qo::Registry::Register("qo.test.echo.open", true).name(), "qo.test.echo.open");
   EXPECT_THROW(qo::NodeClassRegistry::Register("qo::EchoNode", nullptr, nullptr), qo::Error);
-
   EXPECT_THROW(qo::ExtTypeVTable::Register(qo::kExtBegin), qo::Error);
-  EXPECT_EQ(qo::ExtTypeVTable::Get(99), nullptr);
 }
 
 TEST(RegistryTest, CallsPackEveryArgumentKind) {
@@ -73,17 +64,14 @@ TEST(RegistryTest, CallsPackEveryArgumentKind) {
   static std::vector<std::string> texts;
   qo::Registry::Register("qo.test.pack").set_body([](qo::QOArgs args, qo::QORetValue* rv) {
     for (int i = 0; i < args.size(); ++i) codes.push_back(args.type_codes[i]);
-    texts.push_back(args[3]);
-    texts.push_back(args[4]);
-    texts.push_back(args[7]);
+    texts = {args[3], args[4], args[7]};
     *rv = static_cast<int>(args[0]) + static_cast<int64_t>(args.values[1].v_float64);
   });
   int x = 0;
   std::string owned = "str";
-  DLDataType type{kDLFloat, 32, 1};
   qo::QOByteArray bytes{"b\0y", 3};
-  qo::QORetValue rv =
-      (*qo::Registry::Get("qo.test.pack"))(40, 2.5, nullptr, "lit", owned, &x, type, bytes);
+  qo::QORetValue rv = (*qo::Registry::Get("qo.test.pack"))(40, 2.5, nullptr, "lit", owned, &x,
+                                                           DLDataType{kDLFloat, 32, 1}, bytes);
   EXPECT_EQ(codes, (std::vector<int>{kDLInt, kDLFloat, qo::kNull, qo::kStr, qo::kStr, qo::kHandle,
                                      qo::kQOType, qo::kBytes}));
   EXPECT_EQ(texts, (std::vector<std::string>{"lit", "str", std::string("b\0y", 3)}));

@@ -1,0 +1,133 @@
+#include "test_common.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+namespace qo {
+namespace testutil {
+
+LogCapture::LogCapture(int level) : saved_level_(g_log_level) {
+  g_log_level = level;
+  // The sink runs under the log mutex, which also guards lines_.
+  SetLogSink([this](const std::string& line) { lines_.push_back(line); });
+}
+
+LogCapture::~LogCapture() {
+  SetLogSink(nullptr);
+  g_log_level = saved_level_;
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+  std::lock_guard<std::mutex> lock(LogMessage::mutex_);
+  return lines_;
+}
+
+size_t LogCapture::Count(const std::string& needle) const {
+  size_t n = 0;
+  for (const std::string& line : Lines()) n += line.find(needle) != std::string::npos ? 1 : 0;
+  return n;
+}
+
+bool LogCapture::WaitFor(const std::string& needle, int timeout_ms) const {
+  return WaitUntil([&] { return Count(needle) > 0; }, timeout_ms);
+}
+
+StdoutCapture::StdoutCapture() {
+  fflush(stdout);
+  char path[] = "/tmp/qo-test-stdout-XXXXXX";
+  file_fd_ = mkstemp(path);
+  if (file_fd_ < 0) return;
+  unlink(path);
+  saved_fd_ = dup(STDOUT_FILENO);
+  dup2(file_fd_, STDOUT_FILENO);
+}
+
+std::string StdoutCapture::Text() const {
+  if (file_fd_ < 0) return text_;
+  fflush(stdout);
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while ((n = pread(file_fd_, buf, sizeof(buf), static_cast<off_t>(text.size()))) > 0) {
+    text.append(buf, static_cast<size_t>(n));
+  }
+  return text;
+}
+
+bool StdoutCapture::WaitFor(const std::string& needle, int timeout_ms) const {
+  return WaitUntil([&] { return Has(needle); }, timeout_ms);
+}
+
+std::string StdoutCapture::Finish() {
+  if (file_fd_ < 0) return text_;
+  text_ = Text();
+  dup2(saved_fd_, STDOUT_FILENO);
+  close(saved_fd_);
+  close(file_fd_);
+  file_fd_ = -1;
+  fwrite(text_.data(), 1, text_.size(), stdout);
+  fflush(stdout);
+  return text_;
+}
+
+size_t CountOf(const std::string& text, const std::string& needle) {
+  size_t n = 0;
+  for (size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) n++;
+  return n;
+}
+
+bool WaitUntil(const std::function<bool()>& pred, int timeout_ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+int ThreadCount(const std::string& name) {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/task");
+  while (struct dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
+    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+    std::string line;
+    if (e->d_name[0] != '.' && std::getline(comm, line) && line == name) count++;
+  }
+  if (dir != nullptr) closedir(dir);
+  return count;
+}
+
+static int64_t ClockNs(clockid_t clock) {
+  timespec ts;
+  clock_gettime(clock, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+int64_t MonotonicNs() { return ClockNs(CLOCK_MONOTONIC); }
+int64_t RealtimeNs() { return ClockNs(CLOCK_REALTIME); }
+
+std::string ScratchDir() {
+  const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string dir = std::string(QO_TEST_SCRATCH_DIR) + "/" + info->test_suite_name() + "." +
+                    info->name() + "." + std::to_string(getpid());
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  return dir;
+}
+
+std::string WriteText(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+  return path;
+}
+
+}  // namespace testutil
+}  // namespace qo

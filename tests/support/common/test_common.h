@@ -1,0 +1,115 @@
+// Helpers shared by the core, hal and node tests: log and standard-output
+// capture, waiting with a deadline, thread counting, frame copies and
+// scratch files. Link the static library `qotestcommon`.
+#ifndef QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
+#define QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "core/qo_logging.h"
+
+namespace qo {
+namespace testutil {
+
+// Runs f and returns the text of the qo::Error it throws ("" if none).
+template <typename F>
+std::string ErrorText(F&& f) {
+  try {
+    f();
+  } catch (const Error& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// Log lines through the core's sink at the given level; the sink and level
+// are restored on destruction.
+class LogCapture {
+ public:
+  explicit LogCapture(int level);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  std::vector<std::string> Lines() const;
+  // Lines containing needle.
+  size_t Count(const std::string& needle) const;
+  bool WaitFor(const std::string& needle, int timeout_ms) const;
+
+ private:
+  int saved_level_;
+  std::vector<std::string> lines_;  // guarded by LogMessage::mutex_
+};
+
+// File descriptor 1 of every thread goes to a temporary file while this
+// lives (the hal layers report there); the text is echoed when it ends.
+class StdoutCapture {
+ public:
+  StdoutCapture();
+  ~StdoutCapture() { Finish(); }
+  StdoutCapture(const StdoutCapture&) = delete;
+  StdoutCapture& operator=(const StdoutCapture&) = delete;
+  std::string Text() const;
+  bool Has(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
+  bool WaitFor(const std::string& needle, int timeout_ms) const;
+  std::string Finish();
+
+ private:
+  int saved_fd_ = -1;
+  int file_fd_ = -1;
+  std::string text_;
+};
+
+// Occurrences of needle in text.
+size_t CountOf(const std::string& text, const std::string& needle);
+// Polls pred every few milliseconds; false when it still fails at the end.
+bool WaitUntil(const std::function<bool()>& pred, int timeout_ms);
+// Threads of this process with this name.
+int ThreadCount(const std::string& name);
+int64_t MonotonicNs();
+int64_t RealtimeNs();
+// A fresh directory for the running test, in the build tree.
+std::string ScratchDir();
+// Writes text to path and returns path.
+std::string WriteText(const std::string& path, const std::string& text);
+
+// A frame copied out of either hal layer (which frees its own buffer).
+struct Frame {
+  std::vector<uint8_t> data;
+  uint64_t time_stamp = 0;
+  int32_t format = 0, width = 0, height = 0;
+  int64_t wall_ns = 0;  // CLOCK_REALTIME when copied
+};
+
+// Copies the frame of a qo_StreamInfo record (of either hal layer).
+template <typename Info>
+Frame CopyFrame(const Info& info) {
+  Frame f;
+  f.data.assign(info.data, info.data + info.size);
+  f.time_stamp = info.time_stamp;
+  f.format = info.format;
+  f.width = info.width;
+  f.height = info.height;
+  f.wall_ns = RealtimeNs();
+  return f;
+}
+
+// Pulls with pull(&info) and releases with release(&info) until a pull
+// brings no frame; returns that pull's end-of-stream flag.
+template <typename Info, typename Pull, typename Release>
+bool DrainFrames(Pull pull, Release release, std::vector<Frame>* frames) {
+  for (;;) {
+    Info info{};
+    pull(&info);
+    if (info.data == nullptr) return info.eos != 0;
+    frames->push_back(CopyFrame(info));
+    release(&info);
+  }
+}
+
+}  // namespace testutil
+}  // namespace qo
+
+#endif  // QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
