@@ -1,0 +1,272 @@
+// Live-stream layer without a network: the shared "Gstloop" thread, stream
+// ids, the lines a stream prints, "file://" streams against the parser's own
+// output, and the launch strings and failures of cameras that are not there.
+// Streams whose start fails stay allocated by design; the tests that make
+// them come last, as they keep the main loop running.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "hal_mm_video_in.h"
+#include "test_common.h"
+#include "test_media.h"
+
+namespace qo {
+namespace {
+
+namespace media = testmedia;
+using testutil::Frame;
+using testutil::StdoutCapture;
+using testutil::ThreadCount;
+using Props = std::vector<std::pair<const char*, int>>;
+
+// The stream id is the first byte of the record behind a handle.
+int Id(qo_StrmHandle h) { return *static_cast<const uint8_t*>(h); }
+
+qo_StrmHandle OpenStarted(const std::string& uri, int type) {
+  qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
+  qo_VideoStreamCfg(h, "stream-type", type);
+  EXPECT_EQ(qo_VideoStreamStart(h), 0);
+  return h;
+}
+
+bool Drain(qo_StrmHandle h, std::vector<Frame>* frames, int timeout_s = 5) {
+  return testutil::DrainFrames<qo_StreamInfo>(
+      [&](qo_StreamInfo* info) { qo_VideoStreamGetFrame(h, info, timeout_s); },
+      qo_VideoStreamFrameFree, frames);
+}
+
+// Each step of a stream's life and the lines it prints ("{id}" and
+// "{path}" stand for the first stream's id and file); the bus watch prints
+// from its own thread, so lines are waited for.
+TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
+  const std::string path = media::GenerateRawBytes(4096), uri = "file://" + path;
+  ASSERT_EQ(ThreadCount("Gstloop"), 0);
+  StdoutCapture cap;
+  qo_StrmHandle a = nullptr, b = nullptr;
+  std::vector<Frame> frames;
+  const std::string pl = "#########pl#{id} state change:old: ";
+  const struct {
+    std::function<void()> act;
+    int loops;  // "Gstloop" threads afterwards
+    std::vector<std::string> lines;
+  } steps[] = {
+      {[&] { a = qo_VideoStreamOpen(uri.c_str()); }, 1, {"------->task: running main loop!"}},
+      {[&] { qo_VideoStreamCfg(a, "stream-type", 32); },
+       1,
+       {"$>qo_VideoStreamCfg():set pipeline[{id}] property \"stream-type\"=32 success!\n"}},
+      {[&] { EXPECT_EQ(qo_VideoStreamStart(a), 0); },
+       1,
+       {"$$$$>p#{id} full string=filesrc name=src location={path} ! h265parse ! "
+        "video/x-h265,stream-format=byte-stream,alignment=(string) au ! appsink name=appsink "
+        "async=false sync=false\n",
+        pl + "NULL,current: READY,pending: PLAYING #########\n",
+        pl + "PAUSED,current: PLAYING,pending: VOID_PENDING #########\n",
+        "############# pl#{id} switch state[4] #############\n"}},
+      {[&] { qo_VideoStreamCfg(a, "width", 640); },
+       1,
+       {"#>qo_VideoStreamCfg():warn,unable to set property \"width\"=640 to file pipeline!\n"}},
+      {[&] { b = OpenStarted(uri, QO_PIX_FMT_H264); },
+       1,
+       {"$>qo_VideoStreamInit():gst_init is already inited!\n"}},
+      // The parser finds nothing in random bytes: its error is only
+      // reported, and the end of the stream still arrives.
+      {[&] { EXPECT_TRUE(Drain(a, &frames)); },
+       1,
+       {"GStreamer ERROR: No valid frames found before end of stream",
+        "$$$$>pl#{id} receive EOS msg!\n", "--------->video in recived eos from stream !!!!"}},
+      {[&] { EXPECT_EQ(qo_VideoStreamStop(a), 0); },
+       1,
+       {"----->pl{id} spent time:0 ms or wait eos\n"}},
+      {[&] { qo_VideoStreamClose(a); },
+       1,
+       {pl + "PLAYING,current: PAUSED,pending: VOID_PENDING #########\n",
+        "#>qo_VideoStreamDeinit():warn ! 1 pipelines active!\n"}},
+      {[&] { qo_VideoStreamClose(b); }, 0, {"------->task: exit main loop!"}},
+      // A new loop and thread; GStreamer is not set up again.
+      {[&] { qo_VideoStreamClose(OpenStarted(uri, QO_PIX_FMT_H264)); }, 0, {}},
+  };
+  int id = -1;
+  for (const auto& step : steps) {
+    step.act();
+    if (id < 0 && a != nullptr) id = Id(a);
+    for (std::string line : step.lines) {
+      for (auto [key, value] :
+           {std::make_pair("{id}", std::to_string(id)), std::make_pair("{path}", path)})
+        for (size_t at; (at = line.find(key)) != std::string::npos;)
+          line.replace(at, strlen(key), value);
+      EXPECT_TRUE(cap.WaitFor(line, 5000)) << line;
+    }
+    EXPECT_EQ(ThreadCount("Gstloop"), step.loops);
+  }
+  const std::string text = cap.Finish();
+  EXPECT_TRUE(frames.empty());
+  EXPECT_EQ(testutil::CountOf(text, "------->task: running main loop!"), 2u);
+  EXPECT_EQ(testutil::CountOf(text, "------->task: exit main loop!"), 2u);
+  EXPECT_EQ(testutil::CountOf(text, "gst_init is already inited!"), 2u);
+  EXPECT_EQ(testutil::CountOf(text, "#########pl#" + std::to_string(id) + " state change:"), 5u);
+}
+
+TEST(LiveStreamLifecycle, StreamIdsRepeatAfter256Opens) {
+  const std::string uri = "file://" + media::GenerateRawBytes(4096);
+  std::vector<int> ids;
+  for (int i = 0; i < 257; i++) {
+    qo_StrmHandle h = OpenStarted(uri, QO_PIX_FMT_H264);
+    ids.push_back(Id(h));
+    qo_VideoStreamClose(h);
+  }
+  for (size_t i = 1; i < ids.size(); i++) ASSERT_EQ(ids[i], (ids[i - 1] + 1) % 256) << i;
+  EXPECT_EQ(ids[256], ids[0]);
+}
+
+TEST(LiveStreamFile, EveryAccessUnitThenTheEnd) {
+  for (auto [codec, type] :
+       {std::make_pair(media::Codec::kH264, 31), std::make_pair(media::Codec::kH265, 32)}) {
+    SCOPED_TRACE(type);
+    media::StreamParams p;
+    p.codec = codec;
+    p.frames = 20;
+    p.b_frames = 2;
+    p.slices = type == 31 ? 4 : 1;
+    const std::string path = media::GenerateStream(p);
+    const auto ref = media::ReferenceAccessUnits(path, codec);
+    ASSERT_EQ(ref.size(), 20u);
+    qo_StrmHandle h = OpenStarted("file://" + path, type);
+    std::vector<Frame> got;
+    EXPECT_TRUE(Drain(h, &got));
+    EXPECT_TRUE(Drain(h, &got, 1));  // the end stays the end
+    qo_VideoStreamClose(h);
+    ASSERT_EQ(got.size(), ref.size());
+    for (size_t i = 0; i < ref.size(); i++) {
+      EXPECT_EQ(got[i].data, ref[i].data) << i;
+      EXPECT_EQ(got[i].format, type);
+      EXPECT_EQ(got[i].width * 1000 + got[i].height, 320240);
+      // Decoding time, else presentation time.
+      EXPECT_EQ(got[i].time_stamp, ref[i].dts != UINT64_MAX ? ref[i].dts : ref[i].pts) << i;
+    }
+  }
+}
+
+constexpr char kCamera[] = "v4l2:///dev/qo-absent-video0";
+
+// A stream whose start failed stays allocated by design: kept reachable for
+// the leak checker.
+void Park(qo_StrmHandle h) {
+  static auto* parked = new std::vector<qo_StrmHandle>();
+  parked->push_back(h);
+}
+
+// Opens, configures and starts; returns the launch string it printed.
+std::string LaunchString(const std::string& uri, const Props& props,
+                         std::string* printed = nullptr) {
+  StdoutCapture cap;
+  qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
+  for (const auto& p : props) qo_VideoStreamCfg(h, p.first, p.second);
+  qo_VideoStreamStart(h) == 0 ? qo_VideoStreamClose(h) : Park(h);
+  const std::string text = cap.Finish();
+  if (printed != nullptr) *printed = text;
+  const size_t at = text.find("full string=");
+  return at == std::string::npos ? "" : text.substr(at + 12, text.find('\n', at) - at - 12);
+}
+
+std::string Camera(const std::string& controls, const std::string& caps) {
+  return "v4l2src name=src device=/dev/qo-absent-video0 extra-controls=controls" + controls +
+         " ! " + caps + " ! appsink name=appsink async=false sync=false";
+}
+
+TEST(LiveStreamCompose, CameraStringsCarryFormatSizeRateAndControls) {
+  const std::string au = ",stream-format=byte-stream,alignment=(string) au";
+  const std::pair<int, std::string> formats[] = {{0, "NV12"},
+                                                 {1, "NV21"},
+                                                 {3, "YUY2"},
+                                                 {4, "UYVY"},
+                                                 {9, "NV16"},
+                                                 {10, "I420"},
+                                                 {31, "h264parse ! video/x-h264" + au},
+                                                 {32, "h265parse ! video/x-h265" + au},
+                                                 {33, "image/jpeg"}};
+  for (const auto& [type, stage] : formats) {
+    std::string printed;
+    const std::string caps = type < 31 ? "video/x-raw,format=(string)" + stage : stage;
+    EXPECT_EQ(
+        LaunchString(kCamera,
+                     {{"stream-type", type}, {"width", 640}, {"height", 480}, {"framerate", 30}},
+                     &printed),
+        Camera("", caps + ",width=640,height=480,framerate=30/1"));
+    // No device: the start fails after the string was built.
+    EXPECT_NE(printed.find("$$$$>pl set state changed is failure return:-1...\n"),
+              std::string::npos);
+  }
+  const std::pair<Props, std::string> controls[] = {
+      {{{"exposure", 100}}, ""},  // exposure alone does nothing
+      {{{"exposure-auto", 3}}, ",exposure_auto=3"},
+      {{{"exposure-auto", 1}, {"exposure", 0}, {"gain", 0}}, ",exposure_auto=1"},
+      {{{"exposure-auto", 1}, {"exposure", 9}, {"gain", 8}}, ",exposure_auto=1,exposure=9,gain=8"},
+      // Refused: the test pattern and the special mode never reach the string.
+      {{{"test-pattern", 1}, {"mode", 1}, {"mode", 0}}, ""}};
+  for (auto [props, expected] : controls) {
+    props.push_back({"stream-type", 0});
+    EXPECT_EQ(LaunchString(kCamera, props), Camera(expected, "video/x-raw,format=(string)NV12"));
+  }
+}
+
+TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
+  const std::string file = "file://" + media::GenerateRawBytes(16);
+  const std::string url511 = "rtsp://127.0.0.1/" + std::string(494, 'a');
+  const std::string dev63 = "v4l2:///dev/" + std::string(58, 'v');
+  // 's': start with props, 'o': open, 't': type detection.
+  const struct {
+    char op;
+    std::string uri;
+    Props props;
+    std::string line;
+  } cases[] = {
+      {'s', kCamera, {{"stream-type", 2}}, "#>ComposeV4L2():invalid or unsupport stream type 2"},
+      {'s', "rtsp://h/x", {{"stream-type", 0}}, "#>ComposeRTSP():invalid or unsupport stream"},
+      {'s', file, {{"stream-type", 34}}, "unsupport stream type 34 for file pipeline!\n"},
+      {'s', file, {{"mode", 0}}, "warn,unable to set property \"mode\"=0 to file pipeline!\n"},
+      {'o', "http://h/x", {}, "#>PipelineParamParse():current input url:http://h/x is no"},
+      {'o', "file:///qo/a", {}, "#>PipelineParamParse():file /qo/a is not exist!\n"},
+      {'o', url511 + "/", {}, "input url is too long (512 bytes, at most 511)!\n"},
+      {'t', "file:///a.h264", {}, "#>qo_VideoStreamType()warn: file:// is not support typefind"},
+      {'t', dev63 + "v", {}, "error: v4l2 device path is longer than 63 bytes!\n"},
+      {'t', "rtsp://h/" + std::string(430, 'r'), {}, "error: typefind string is longer"},
+      {'t', dev63, {}, "$$$$>qo_VideoStreamType state changed is failure return:0...\n"}};
+  for (const auto& c : cases) {
+    StdoutCapture cap;
+    bool refused = true;
+    if (c.op == 's') LaunchString(c.uri, c.props);
+    if (c.op == 'o')
+      refused = qo_VideoStreamOpen(c.uri.c_str()) == nullptr &&
+                cap.Has("#>qo_VideoStreamOpen():input url is error!\n");
+    if (c.op == 't') refused = qo_VideoStreamType(c.uri.c_str()) == -1;
+    EXPECT_TRUE(refused && cap.Has(c.line)) << c.line;
+  }
+  // One byte less fits, whole.
+  EXPECT_EQ(LaunchString(url511, {{"stream-type", 31}}).find(url511 + " ! "), 29u);
+
+  StdoutCapture cap;
+  qo_StrmHandle h = qo_VideoStreamOpen(kCamera);
+  qo_StreamInfo info{};
+  qo_VideoStreamGetFrame(h, &info, 1);  // before start: nothing to pull from
+  EXPECT_EQ(info.eos, 1);
+  qo_VideoStreamCfg(h, "stream-type", 3);
+  EXPECT_EQ(qo_VideoStreamStart(h), -1);
+  EXPECT_TRUE(cap.WaitFor("GStreamer ERROR: ", 10000));  // reported by the bus watch
+  qo_VideoStreamCfg(h, "width", 320);                    // still allowed after a failed start
+  EXPECT_EQ(qo_VideoStreamStop(h), -1);
+  qo_VideoStreamClose(h);  // never played: the record stays
+  Park(h);
+  for (const char* line :
+       {"#>qo_VideoStreamGetFrame():video stream state is error\n",
+        "property \"width\"=320 success!\n", "#>qo_VideoStreamStop():video stream state is error\n",
+        "#>qo_VideoStreamClose():video stream state is error\n"})
+    EXPECT_TRUE(cap.Has(line)) << line;
+}
+
+}  // namespace
+}  // namespace qo
