@@ -1,0 +1,412 @@
+// File input node driven through the library's registered functions:
+// registration, checked setters and null handles, the file sequence from
+// one file or a list, the frames it sends (contents, shapes, zero copy),
+// pacing, sync mode and bad input.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hal_mm_video_common.h"
+#include "node/qo_file_in_node.h"
+#include "node_test_util.h"
+#include "test_media.h"
+
+namespace qo {
+namespace nodetest {
+namespace {
+
+constexpr char kPrefix[] = "qo.mm.file.in";
+constexpr int kWaitMs = 60000;
+using Paths = std::vector<std::string>;
+
+struct Media {
+  std::string path;
+  std::vector<testmedia::AccessUnit> units;  // as the parser sees them
+};
+
+// A small H.264 stream; distinct frame counts give distinct files.
+Media H264(int frames) {
+  testmedia::StreamParams p;
+  p.width = 96;
+  p.height = 64;
+  p.frames = frames;
+  Media m{testmedia::GenerateStream(p), {}};
+  m.units = testmedia::ReferenceAccessUnits(m.path, p.codec);
+  EXPECT_FALSE(m.units.empty()) << m.path;
+  return m;
+}
+
+// The files the node opened, in order (from its "<path> opened" lines).
+Paths Opened(const std::vector<std::string>& lines) {
+  Paths paths;
+  for (const std::string& l : lines) {
+    const size_t end = l.find(" opened\n");
+    if (end == std::string::npos) continue;
+    const size_t begin = l.rfind(": ", end) + 2;
+    paths.push_back(l.substr(begin, end - begin));
+  }
+  return paths;
+}
+
+struct RunResult {
+  Tasks tasks;
+  std::vector<std::string> logs;  // severity 1 and up
+  size_t frames = 0;
+};
+
+// Configures a node (unpaced, port 0) and opens it; waits for its final task
+// or, with stop_after, for that many frames; then closes and destroys it.
+RunResult RunNode(const std::function<void(HostNode&)>& configure, size_t stop_after = 0) {
+  RunResult r;
+  LogCapture logs(1);
+  TaskCollector out;
+  {
+    HostNode node(kPrefix);
+    node.thread()->SetTxQue(out.queue(), 0);
+    node.SetDouble("framerate", 0.0);
+    // A close before the output has drained can leave the output thread to
+    // end through its pull time-outs: keep them short.
+    if (stop_after > 0) node.SetInt("timeout", 1);
+    configure(node);
+    node.Open();
+    EXPECT_TRUE(out.WaitFor(
+        [&](const Tasks& t) {
+          return stop_after > 0 ? CountFlag(t, 0) >= stop_after : !t.empty() && t.back().flag;
+        },
+        kWaitMs));
+    node.Close();
+  }
+  out.Stop();
+  r.tasks = out.Tasks();
+  r.logs = logs.Lines();
+  r.frames = CountFlag(r.tasks, 0);
+  return r;
+}
+
+TEST(FileInputApi, RegistrationCheckedSettersAndNullHandles) {
+  ASSERT_EQ(testhost::LoadSdk(), "");
+  const char* const verbs[] = {"destroy",     "open",         "close",
+                               "update.para", "set.attr.int", "set.attr.string"};
+  EXPECT_NE(Registry::Get("qo.mm.file.in.create"), nullptr);
+  for (const char* verb : verbs)
+    EXPECT_NE(Registry::Get(std::string(kPrefix) + "." + verb), nullptr);
+  {
+    LogCapture logs(1);
+    auto* node = static_cast<Thread*>(NodeClassRegistry::Create("qo::FileInput"));
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->name(), "file_in");
+    for (int port = 0; port < 5; ++port) {  // only the first four carry the task type
+      auto info = node->GetPOUT(port)->GetTypeInfo();
+      EXPECT_EQ(info != nullptr && info->type_name == "qo::MediaTask", port < 4) << port;
+    }
+    NodeClassRegistry::Destroy("qo::FileInput", node);
+    EXPECT_EQ(logs.Count(": class FileInput instance destoryed !!!\n"), 1u);
+  }
+  {
+    HostNode node(kPrefix);
+    LogCapture silent(6);  // failed checks are not filtered by the level
+    const std::pair<std::function<void()>, std::string> bad[] = {
+        {[&] { node.SetInt("sync-mode", 2); },
+         "Check failed: (vs.low <= _val) && (vs.upper >= _val): sync-mode:2 exceeds range [0, 1]"},
+        {[&] { node.SetInt("size", -3); }, "size:-3 exceeds range [0, 2147483647]"},
+        // framerate is a double, unknown to the integer setter
+        {[&] { node.SetInt("framerate", 30); },
+         "Check failed: int_paras_.count(_key) > 0: key framerate not exist! Call SetDefault "
+         "before Set."},
+        {[&] { node.SetString("files", "x"); },
+         "Check failed: string_paras_.count(_key) > 0: key files not exist!"},
+        {[] { testhost::Func("qo.mm.file.in.open")(7); },
+         "Check failed: type_code_ == kHandle (0 vs. 3) :  expected handle but get int"},
+    };
+    for (const auto& [call, message] : bad) {
+      const std::string text = ErrorText(call);
+      EXPECT_NE(text.find(message), std::string::npos) << text;
+    }
+  }
+  // open, update.para and the setters report a null node at severity 4,
+  // destroy and close at 3.
+  for (int level : {3, 4}) {
+    for (const std::string verb : verbs) {
+      LogCapture logs(level);
+      testhost::Func(std::string(kPrefix) + "." + verb)(nullptr, "stream-id", 1);
+      const size_t shown = level == 3 || (verb != "destroy" && verb != "close") ? 1 : 0;
+      EXPECT_EQ(logs.Count("fml_file_in.cc:"), shown) << verb << " " << level;
+      EXPECT_EQ(logs.Count(": FileInput is NULL !!!\n"), shown) << verb << " " << level;
+    }
+  }
+}
+
+// Three files, "loop" 2: every access unit twice, in order, as the
+// decoder's own buffer on every connected port among the first four; then
+// one end-of-stream task. The arrays outlive the node and may go on any
+// thread.
+TEST(FileInputStream, ListOfThreeLoopedTwiceSendsEveryAccessUnitWithoutCopy) {
+  const std::vector<Media> m = {H264(3), H264(5), H264(7)};
+  const std::string list = testutil::WriteText(
+      testutil::ScratchDir() + "/list.txt", m[0].path + "\n" + m[1].path + "\n" + m[2].path + "\n");
+  std::vector<testmedia::AccessUnit> ref;
+  for (int pass = 0; pass < 2; ++pass)
+    for (const Media& media : m) ref.insert(ref.end(), media.units.begin(), media.units.end());
+  TaskCollector out(8, /*keep_arrays=*/true), port4;
+  std::atomic<int> copied{0};
+  out.SetInspector([&](const MediaTask& t) {
+    auto* record = static_cast<qo_StreamInfo*>(t.data.get()->manager_ctx);
+    if (t.flag == 0 && (record == nullptr || record->data != t.data.GetTensorData())) ++copied;
+  });
+  LogCapture logs(1);
+  {
+    HostNode node(kPrefix);
+    node.thread()->SetTxQue(out.queue(), 0);
+    node.thread()->SetTxQue(out.queue(), 3);
+    node.thread()->SetTxQue(port4.queue(), 4);
+    node.SetDouble("framerate", 0.0);
+    node.SetInt("stream-id", 7);
+    node.SetString("file-list", list);
+    node.SetInt("loop", 2);
+    node.Open();
+    EXPECT_TRUE(out.WaitFor([](const Tasks& t) { return CountFlag(t, 1) == 2; }, kWaitMs));
+    node.Close();
+  }
+  out.Stop();
+  port4.Stop();
+  EXPECT_EQ(copied, 0);
+  EXPECT_TRUE(port4.Tasks().empty());
+  EXPECT_EQ(Opened(logs.Lines()),
+            (Paths{m[0].path, m[1].path, m[2].path, m[0].path, m[1].path, m[2].path}));
+  for (const char* line : {"created a stream in thread!!!\n", "created a stream out thread!!!\n",
+                           ">>> Enter stream out thread\n", ": end of stream !!!\n",
+                           "Getted EOS, StreamIn exit\n", "<<< Exit stream out thread\n",
+                           ") stopped !!!\n", "class FileInput instance destoryed !!!\n"})
+    EXPECT_EQ(logs.Count(line), 1u) << line;
+
+  Tasks tasks = out.Tasks();
+  ASSERT_EQ(tasks.size(), 2 * (ref.size() + 1));
+  for (size_t k = 0; k < ref.size(); ++k) {
+    SCOPED_TRACE(k);
+    const ReceivedTask& t = tasks[2 * k];
+    EXPECT_EQ(t.data.get(), tasks[2 * k + 1].data.get());  // one array, two ports
+    EXPECT_EQ(std::vector<int32_t>({t.flag, t.source_id, t.reserved}),
+              std::vector<int32_t>({0, 7, 0}));
+    ASSERT_EQ(Bytes(t), ref[k].data);  // read after the node is gone
+    EXPECT_EQ(t.shape, Shape{static_cast<int64_t>(ref[k].data.size())});
+    EXPECT_EQ(ExtFields(t.ext), std::vector<int32_t>({31, 3, 0, 0, 96, 64, 0}));
+    EXPECT_EQ(static_cast<uint64_t>(t.time_stamp), t.ext.time_stamp);
+    if (k < m[0].units.size()) {
+      EXPECT_EQ(t.ext.time_stamp, ref[k].dts);
+    }
+  }
+  EXPECT_EQ(tasks.back().flag, 1);
+  EXPECT_EQ(tasks.back().tensor_size, 0u);
+  std::vector<NDArray> arrays = out.TakeArrays();
+  tasks.clear();
+  ASSERT_EQ(arrays.size(), 2 * (ref.size() + 1));
+  EXPECT_EQ(arrays[0].use_count(), 2);
+  std::thread([a = std::move(arrays)]() mutable { a.clear(); }).join();
+}
+
+// Which files the node plays, and how often: the "<path> opened" lines and
+// the frames sent, for one file and for lists with ranges, loops and odd
+// lines. Bad entries are skipped with their line; the input still ends.
+TEST(FileInputSequence, FilesListsRangesAndLoops) {
+  const std::vector<Media> m = {H264(2), H264(3), H264(4), H264(5), H264(6)};
+  const std::string dir = testutil::ScratchDir(), missing = dir + "/missing.h264";
+  std::string all_text;
+  for (const Media& media : m) all_text += media.path + "\n";
+  const std::string all = testutil::WriteText(dir + "/all.txt", all_text);
+  const std::string blanks = testutil::WriteText(
+      dir + "/blanks.txt", "\n" + m[0].path + "\n\n" + missing + "\n" + m[1].path + "\n\n");
+  const std::string crlf =
+      testutil::WriteText(dir + "/crlf.txt", m[0].path + "\r\n" + m[1].path + "\r\n");
+  const std::string empty = testutil::WriteText(dir + "/empty.txt", "\n\n");
+  const std::string none = dir + "/no-such-list.txt";
+  const struct {
+    std::string file, list;
+    int start, stop, loop;
+    std::vector<int> played;  // indexes into m; with loop < 0 the first ones
+    std::string line;         // a line logged once
+  } cases[] = {
+      {m[0].path, "", -1, -1, 0, {0}, "single file: loop=0 loop_cnt=0"},
+      {"file://" + m[0].path, "", -1, -1, 2, {0, 0}, "single file: loop=2 loop_cnt=2"},
+      {m[0].path, "", -1, -1, -1, {0, 0, 0, 0}, ""},
+      {"", all, 1, 3, 0, {1, 2, 3}, "file list: loop=0 index=3 loop_cnt=0"},
+      {"", all, 1, 9, 0, {1, 2, 3, 4}, ""},   // stop clamped to the last entry
+      {"", all, 9, -1, 0, {4}, ""},           // start clamped to the last entry
+      {"", all, -1, 1, 2, {0, 1, 0, 1}, ""},  // whole passes
+      {"", all, 3, 1, 3, {3, 3}, ""},     // wrapped: the start entry repeats, each time a restart
+      {"", all, 3, 1, 0, {}, ""},         // wrapped without restarts plays nothing
+      {"", all, 4, 1, 2, {4, 0, 1}, ""},  // wrapped past the end of the list
+      {"", all, 3, 1, -1, {3, 3, 3, 3}, ""},
+      {"", blanks, -1, -1, 0, {0, 1}, ": open " + missing + " failed\n"},
+      {"", crlf, -1, -1, 0, {}, ": open " + m[1].path + "\r failed\n"},
+      // Neither a missing nor an empty list is ever indexed, whatever "loop" says.
+      {"", empty, -1, -1, -1, {}, ""},
+      {"", none, -1, -1, 2, {}, ": open  faild\n\n"},
+      {"", none, -1, -1, -1, {}, ": open  faild\n\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file + c.list + " " + std::to_string(c.start) + ".." + std::to_string(c.stop) +
+                 " loop " + std::to_string(c.loop));
+    Paths want;
+    size_t units = 0;
+    for (int i : c.played) {
+      want.push_back(m[i].path);
+      units += m[i].units.size();
+    }
+    RunResult r = RunNode(
+        [&](HostNode& n) {
+          n.SetString(c.file.empty() ? "file-list" : "file", c.file + c.list);
+          n.SetInt("start-index", c.start);
+          n.SetInt("stop-index", c.stop);
+          n.SetInt("loop", c.loop);
+        },
+        c.loop < 0 ? units : 0);
+    if (!c.line.empty()) {
+      EXPECT_EQ(
+          std::count_if(r.logs.begin(), r.logs.end(),
+                        [&](const std::string& l) { return l.find(c.line) != std::string::npos; }),
+          1);
+    }
+    Paths opened = Opened(r.logs);
+    if (c.loop < 0 && !want.empty()) {
+      ASSERT_GE(opened.size(), want.size());
+      EXPECT_EQ(Paths(opened.begin(), opened.begin() + want.size()), want);
+      continue;
+    }
+    EXPECT_EQ(opened, want);
+    EXPECT_EQ(r.frames, units);
+    ASSERT_FALSE(r.tasks.empty());
+    EXPECT_EQ(r.tasks.back().flag, 1);
+  }
+}
+
+TEST(FileInputStream, ShapesAndExtInfoByStreamType) {
+  for (auto [codec, type] : {std::make_pair(testmedia::Codec::kH265, 32),
+                             std::make_pair(testmedia::Codec::kMjpeg, 33)}) {
+    SCOPED_TRACE(type);
+    testmedia::StreamParams p;
+    p.codec = codec;
+    p.width = 128;
+    p.height = 64;
+    p.frames = 4;
+    const std::string path = testmedia::GenerateStream(p);
+    const auto ref = testmedia::ReferenceAccessUnits(path, codec);
+    RunResult r = RunNode([&](HostNode& n) {
+      n.SetInt("stream-type", type);
+      n.SetString("file", path);
+    });
+    ASSERT_EQ(r.frames, ref.size());
+    for (size_t k = 0; k < ref.size(); ++k) {
+      EXPECT_EQ(r.tasks[k].shape, Shape{static_cast<int64_t>(ref[k].data.size())});
+      EXPECT_EQ(ExtFields(r.tasks[k].ext), std::vector<int32_t>({type, 3, 0, 0, 128, 64, 0}));
+    }
+  }
+  // Other types pass through in packets of "size" bytes with the configured
+  // picture size, shaped by pixel format.
+  const int w = 8, h = 4;
+  const struct {
+    int format, bytes;
+    Shape shape;
+    int kind;
+  } raw[] = {
+      {0, w * h * 3 / 2, {h * 3 / 2, w}, 2}, {10, w * h * 3 / 2, {h * 3 / 2, w}, 2},
+      {3, 2 * w * h, {2 * h, w}, 2},         {42, 2 * w * h, {2 * h, w}, 2},
+      {6, 3 * w * h, {3 * h, w}, 2},         {8, w * h, {h, w}, 2},
+      {41, 3 * w * h, {h, 3 * w}, 2},        {34, 100, {100}, 3},
+  };
+  for (const auto& c : raw) {
+    SCOPED_TRACE(c.format);
+    const std::string path = testmedia::GenerateRawBytes(3 * c.bytes, 7);
+    RunResult r = RunNode([&](HostNode& n) {
+      n.SetInt("stream-type", c.format);
+      n.SetInt("size", c.bytes);
+      n.SetInt("width", w);
+      n.SetInt("height", h);
+      n.SetString("file", path);
+    });
+    ASSERT_EQ(r.frames, 3u);
+    for (int k = 0; k < 3; ++k) {
+      EXPECT_EQ(r.tasks[k].shape, c.shape);
+      EXPECT_EQ(ExtFields(r.tasks[k].ext), std::vector<int32_t>({c.format, c.kind, 0, 0, w, h, 0}));
+    }
+  }
+}
+
+TEST(FileInputStream, PacedAtTheFrameRateOrNotAtAll) {
+  const Media m = H264(15);
+  auto seconds = [&](double framerate) {
+    TaskCollector out;
+    HostNode node(kPrefix);
+    node.thread()->SetTxQue(out.queue(), 0);
+    node.SetDouble("framerate", framerate);
+    node.SetString("file", m.path);
+    const int64_t t0 = testutil::MonotonicNs();
+    node.Open();
+    EXPECT_TRUE(out.WaitFor([](const Tasks& t) { return !t.empty(); }, kWaitMs));
+    EXPECT_EQ(testutil::ThreadCount("strm_out"), 1);  // named before its first pull
+    EXPECT_TRUE(out.WaitForFlag(1, kWaitMs));
+    const double elapsed = (testutil::MonotonicNs() - t0) / 1e9;
+    node.Close();
+    EXPECT_EQ(out.Count(0), m.units.size());
+    return elapsed;
+  };
+  const double paced = seconds(30.0);
+  EXPECT_GE(paced, m.units.size() * 0.033);  // a 33 ms sleep after every frame
+  EXPECT_LT(seconds(0.0), paced);
+}
+
+TEST(FileInputStream, RandomBytesEndCleanly) {
+  const std::string garbage = testmedia::GenerateRawBytes(300000, 3);
+  for (int type : {31, 32, 33}) {
+    RunResult r = RunNode([&](HostNode& n) {
+      n.SetInt("stream-type", type);
+      n.SetInt("timeout", 1);
+      n.SetString("file", garbage);
+    });
+    ASSERT_FALSE(r.tasks.empty()) << type;
+    EXPECT_NE(r.tasks.back().flag, 0) << type;
+  }
+}
+
+TEST(FileInputStream, SyncModeHandsFramesToTheOwner) {
+  const Media m = H264(6);
+  LogCapture logs(1);
+  TaskCollector out;
+  HostNode node(kPrefix);
+  auto* input = dynamic_cast<mm::FileInput*>(node.thread());
+  NDArray frame;
+  EXPECT_EQ(input->GetFrame(frame, 1), -1);  // not started
+  node.thread()->SetTxQue(out.queue(), 0);
+  node.SetString("file", m.path);
+  node.SetInt("sync-mode", 1);
+  node.Open();
+  EXPECT_EQ(testutil::ThreadCount("strm_out"), 0);
+  size_t frames = 0;
+  int r;
+  while ((r = input->GetFrame(frame, 10)) == 0) {
+    EXPECT_EQ(Bytes(frame), m.units[frames++].data);
+  }
+  EXPECT_EQ(r, 1);
+  EXPECT_EQ(frame.GetTensorDataSize(), 0u);
+  EXPECT_EQ(frames, m.units.size());
+  node.Close();
+  out.Stop();
+  EXPECT_TRUE(out.Tasks().empty());  // nothing is sent in sync mode
+
+  TaskCollector pushed_out;
+  HostNode pushed(kPrefix);
+  pushed.thread()->SetTxQue(pushed_out.queue(), 0);
+  pushed.SetString("file", m.path);
+  pushed.Open();
+  EXPECT_EQ(dynamic_cast<mm::FileInput*>(pushed.thread())->GetFrame(frame, 1), -1);
+  EXPECT_TRUE(pushed_out.WaitForFlag(1, kWaitMs));
+  EXPECT_EQ(logs.Count(": stream obj is NULL !!!\n"), 1u);
+  EXPECT_EQ(logs.Count(": sync mode error !!!\n"), 1u);
+}
+
+}  // namespace
+}  // namespace nodetest
+}  // namespace qo
