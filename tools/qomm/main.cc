@@ -1,87 +1,157 @@
-// qomm: loads the media-input library and lists the global functions and
-// node classes it registered.
-#include <dlfcn.h>
-#include <unistd.h>
-
+// qomm: the command-line host of the media-input library. It loads the
+// library at run time and drives its nodes through the framework core only,
+// as a framework does.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "arg_reader.h"
+#include "commands.h"
+#include "core/qo_logging.h"
 #include "core/qo_registry.h"
+#include "failure.h"
+#include "library_output.h"
+#include "play_session.h"
+#include "sdk_library.h"
+#include "stop_signal.h"
+
+namespace qomm {
 
 namespace {
 
-void Usage(const char* prog) {
-  std::printf(
-      "usage: %s [--lib PATH]\n"
-      "  --lib PATH  load the media-input library from PATH\n",
-      prog);
-}
+// Warnings and up: the nodes' information lines would flood the terminal.
+constexpr int kDefaultLogLevel = 3;
+// Fatal messages stay on: they are how a node reports a failed start.
+constexpr int kQuietLogLevel = 5;
 
-// Directory of this program, without the trailing slash.
-std::string ProgramDir() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-  if (n <= 0) return ".";
-  buf[n] = '\0';
-  std::string path(buf);
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
+struct GlobalOptions {
+  int verbosity = 0;
+  bool quiet = false;
+  std::string lib;
+};
 
-// The build tree keeps the library one level above the program, an install
-// in the library directory next to bin/; last comes the loader's own search.
-std::vector<std::string> LibraryCandidates() {
-  const std::string dir = ProgramDir();
-  return {dir + "/../" QO_SDKMM_SONAME, dir + "/../" QO_INSTALL_LIBDIR "/" QO_SDKMM_SONAME,
-          QO_SDKMM_SONAME, "libqosdkmm.so"};
-}
-
-void* LoadLibrary(const std::vector<std::string>& candidates, std::string* loaded) {
-  std::string errors;
-  for (const std::string& path : candidates) {
-    // Never closed: the registries keep functions that live in the library.
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
-    if (handle != nullptr) {
-      *loaded = path;
-      return handle;
+// Takes -v, -q and --lib out of the words, wherever they stand.
+std::vector<std::string> TakeGlobalOptions(std::vector<std::string> words, GlobalOptions* g) {
+  std::vector<std::string> rest;
+  for (size_t i = 0; i < words.size(); ++i) {
+    const std::string& w = words[i];
+    if (w.size() >= 2 && w[0] == '-' && w.find_first_not_of('v', 1) == std::string::npos) {
+      g->verbosity += static_cast<int>(w.size() - 1);
+    } else if (w == "--verbose") {
+      g->verbosity++;
+    } else if (w == "-q" || w == "--quiet") {
+      g->quiet = true;
+    } else if (w == "--lib") {
+      if (i + 1 >= words.size()) throw UsageError("--lib needs a value");
+      g->lib = words[++i];
+    } else if (w.rfind("--lib=", 0) == 0) {
+      g->lib = w.substr(6);
+    } else {
+      rest.push_back(w);
     }
-    const char* err = dlerror();
-    errors += "  ";
-    errors += err != nullptr ? err : path;
-    errors += "\n";
   }
-  std::fprintf(stderr, "qomm: cannot load the media-input library:\n%s", errors.c_str());
-  return nullptr;
-}
-
-void PrintList(const char* title, const std::vector<std::string>& names) {
-  std::printf("%s (%zu):\n", title, names.size());
-  for (const std::string& name : names) std::printf("  %s\n", name.c_str());
+  if (g->quiet && g->verbosity > 0) throw UsageError("-q and -v contradict each other");
+  return rest;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  std::vector<std::string> candidates;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--lib") == 0 && i + 1 < argc) {
-      candidates.push_back(argv[++i]);
-    } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
-      Usage(argv[0]);
-      return 0;
-    } else {
-      Usage(argv[0]);
-      return 2;
-    }
-  }
-  if (candidates.empty()) candidates = LibraryCandidates();
+const char* ListUsage() {
+  return "usage: qomm list\n"
+         "\n"
+         "Lists the global functions and node classes the media-input library registers.\n";
+}
 
-  std::string loaded;
-  if (LoadLibrary(candidates, &loaded) == nullptr) return 1;
-  std::printf("loaded %s\n", loaded.c_str());
-  PrintList("global functions", qo::Registry::ListNames());
-  PrintList("node classes", qo::NodeClassRegistry::ListNames());
+int RunList(ArgReader& args) {
+  if (!args.done()) throw UsageError("list takes no arguments");
+  SdkLibrary::Require();
+  FILE* out = LibraryOutput::Out();
+  fprintf(out, "library %s\n", SdkLibrary::path().c_str());
+  std::vector<std::string> functions = qo::Registry::ListNames();
+  fprintf(out, "global functions (%zu):\n", functions.size());
+  for (const std::string& name : functions) fprintf(out, "  %s\n", name.c_str());
+  std::vector<std::string> classes = qo::NodeClassRegistry::ListNames();
+  fprintf(out, "node classes (%zu):\n", classes.size());
+  for (const std::string& name : classes) fprintf(out, "  %s\n", name.c_str());
   return 0;
 }
+
+int RunPlay(ArgReader& args) {
+  PlayOptions options = ParsePlayOptions(args);
+  SdkLibrary::Require();
+  return PlaySession(options).Run();
+}
+
+int Main(int argc, char** argv) {
+  std::vector<std::string> words(argv + 1, argv + argc);
+  GlobalOptions global;
+  std::string command;
+  std::vector<std::string> rest;
+  try {
+    rest = TakeGlobalOptions(words, &global);
+  } catch (const UsageError& e) {
+    fprintf(stderr, "qomm: %s\n%s", e.what(), DemoUsage());
+    return 2;
+  }
+  if (!rest.empty() && (rest[0] == "play" || rest[0] == "probe" || rest[0] == "serve" ||
+                        rest[0] == "list" || rest[0] == "help")) {
+    command = rest[0];
+    rest.erase(rest.begin());
+  }
+
+  qo::g_log_level =
+      global.quiet ? kQuietLogLevel : std::max(0, kDefaultLogLevel - global.verbosity);
+  LibraryOutput::Start(global.verbosity);
+  StopSignal::Install();
+
+  const char* usage = command == "play"    ? PlayUsage()
+                      : command == "probe" ? ProbeUsage()
+                      : command == "serve" ? ServeUsage()
+                      : command == "list"  ? ListUsage()
+                                           : DemoUsage();
+  bool help = command == "help";
+  for (const std::string& w : rest) help = help || w == "--help" || w == "-h";
+  if (command == "help" && !rest.empty()) {
+    const std::string& topic = rest[0];
+    usage = topic == "play"    ? PlayUsage()
+            : topic == "probe" ? ProbeUsage()
+            : topic == "serve" ? ServeUsage()
+            : topic == "list"  ? ListUsage()
+                               : DemoUsage();
+  }
+
+  int status = 0;
+  try {
+    ArgReader args(rest);
+    SdkLibrary::SetPath(global.lib);
+    if (help) {
+      fputs(usage, LibraryOutput::Out());
+    } else if (command == "serve") {
+      // Serving needs GStreamer only, not the media-input library.
+      status = RunServe(args);
+    } else if (command == "play") {
+      status = RunPlay(args);
+    } else if (command == "probe") {
+      status = RunProbe(args);
+    } else if (command == "list") {
+      status = RunList(args);
+    } else {
+      status = RunDemo(args);
+    }
+  } catch (const UsageError& e) {
+    fprintf(stderr, "qomm: %s\nRun \"qomm %s--help\" for usage.\n", e.what(),
+            command.empty() || command == "help" ? "" : (command + " ").c_str());
+    status = 2;
+  } catch (const qo::Error& e) {
+    fprintf(stderr, "qomm: %s\n", ErrorMessage(e.what()).c_str());
+    status = 1;
+  }
+  LibraryOutput::Finish();
+  return status;
+}
+
+}  // namespace qomm
+
+int main(int argc, char** argv) { return qomm::Main(argc, argv); }

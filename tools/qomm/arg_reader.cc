@@ -1,0 +1,61 @@
+#include "arg_reader.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <utility>
+
+namespace qomm {
+
+ArgReader::ArgReader(std::vector<std::string> args) : args_(std::move(args)) {}
+
+std::string ArgReader::Next() {
+  if (has_pending_) throw UsageError("unexpected value \"" + pending_ + "\"");
+  std::string word = args_.at(next_++);
+  size_t eq = word.find('=');
+  if (word.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+    pending_ = word.substr(eq + 1);
+    has_pending_ = true;
+    word.erase(eq);
+  }
+  return word;
+}
+
+std::string ArgReader::Value(const std::string& name) {
+  if (has_pending_) {
+    has_pending_ = false;
+    return pending_;
+  }
+  if (done()) throw UsageError(name + " needs a value");
+  return args_[next_++];
+}
+
+int ArgReader::IntValue(const std::string& name, long low, long high) {
+  std::string text = Value(name);
+  char* end = nullptr;
+  errno = 0;
+  long v = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno != 0 || v < low || v > high) {
+    throw UsageError(name + " takes a whole number from " + std::to_string(low) + " to " +
+                     std::to_string(high) + ", not \"" + text + "\"");
+  }
+  return static_cast<int>(v);
+}
+
+double ArgReader::DoubleValue(const std::string& name, double low, double high) {
+  std::string text = Value(name);
+  char* end = nullptr;
+  double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !std::isfinite(v) || v < low || v > high) {
+    char range[96];
+    snprintf(range, sizeof(range), "%g to %g", low, high);
+    throw UsageError(name + " takes a number from " + range + ", not \"" + text + "\"");
+  }
+  return v;
+}
+
+void ArgReader::NoValue(const std::string& name) {
+  if (has_pending_) throw UsageError(name + " takes no value");
+}
+
+}  // namespace qomm

@@ -1,0 +1,23 @@
+// The commands of qomm. Each reads its own options (throwing UsageError) and
+// returns the exit status.
+#ifndef QO_TOOLS_QOMM_COMMANDS_H_
+#define QO_TOOLS_QOMM_COMMANDS_H_
+
+#include "arg_reader.h"
+
+namespace qomm {
+
+int RunDemo(ArgReader& args);
+int RunPlay(ArgReader& args);
+int RunProbe(ArgReader& args);
+int RunServe(ArgReader& args);
+int RunList(ArgReader& args);
+
+const char* DemoUsage();
+const char* ProbeUsage();
+const char* ServeUsage();
+const char* ListUsage();
+
+}  // namespace qomm
+
+#endif  // QO_TOOLS_QOMM_COMMANDS_H_

@@ -1,0 +1,77 @@
+// One source node driven the way the framework drives it: created, set up and
+// opened through the functions the library registers, its tasks taken from a
+// queue on output port 0 (or, in sync mode, pulled with the node's GetFrame),
+// then closed and destroyed.
+#ifndef QO_TOOLS_QOMM_NODE_PLAYER_H_
+#define QO_TOOLS_QOMM_NODE_PLAYER_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "core/qo_ndarray.h"
+#include "core/qo_node.h"
+#include "core/qo_task_queue.h"
+
+namespace qomm {
+
+enum class NodeKind { kFileInput, kVideoInput };
+
+// What one task carried.
+struct FrameInfo {
+  int status = 0;  // 0 frame, 1 end of stream, 2 time-out
+  int source_id = 0;
+  int format = 0;
+  int kind = 0;  // 2 raw picture, 3 encoded
+  int width = 0;
+  int height = 0;
+  size_t bytes = 0;
+  uint64_t pts = 0;
+  const uint8_t* data = nullptr;
+  qo::NDArray array;  // keeps data alive
+};
+
+class NodePlayer {
+ public:
+  // Creates the node ("create"); throws qo::Error when that fails.
+  NodePlayer(NodeKind kind, bool sync);
+  // Closes the node when it was opened, then destroys it.
+  ~NodePlayer();
+  NodePlayer(const NodePlayer&) = delete;
+  NodePlayer& operator=(const NodePlayer&) = delete;
+
+  void SetInt(const std::string& key, int value);
+  void SetString(const std::string& key, const std::string& value);
+  // There is no global function for doubles: hosts write the property store.
+  void SetDouble(const std::string& key, double value);
+
+  // Attaches the queue and opens the node. Failures of the node arrive as
+  // qo::Error.
+  void Open();
+  // Waits up to about slice_ms for the next task; false when none came.
+  bool Next(FrameInfo* info, int slice_ms);
+  // Stops the node and disposes of the tasks it still sends. Idempotent.
+  void Close();
+
+  NodeKind kind() const { return kind_; }
+
+ private:
+  std::string Name(const char* verb) const;
+  qo::Thread* thread() const;
+  bool PullSync(FrameInfo* info);
+
+  NodeKind kind_;
+  bool sync_;
+  void* node_ = nullptr;
+  bool opened_ = false;
+  qo::TaskQueue queue_;
+  // Sync mode: seconds without a frame before the source counts as stalled
+  // (three pulls' worth, as the node's own output thread allows).
+  int timeout_s_ = 3;
+  int empty_pulls_ = 0;
+  int stream_id_ = 0;
+};
+
+}  // namespace qomm
+
+#endif  // QO_TOOLS_QOMM_NODE_PLAYER_H_

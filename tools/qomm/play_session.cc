@@ -1,0 +1,427 @@
+#include "play_session.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <utility>
+
+#include "core/qo_logging.h"
+#include "failure.h"
+#include "library_output.h"
+#include "media_type.h"
+#include "play_report.h"
+#include "sdk_library.h"
+#include "snapshot.h"
+#include "stop_signal.h"
+
+namespace qomm {
+
+namespace {
+
+constexpr int kSliceMs = 100;
+constexpr int kTransportUdp = 1;
+constexpr int kTransportTcp = 4;
+constexpr int kRawYuyv = 3;
+
+bool StartsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
+
+bool HasScheme(const std::string& s) {
+  size_t sep = s.find("://");
+  if (sep == std::string::npos || sep == 0) return false;
+  for (size_t i = 0; i < sep; ++i) {
+    if (!isalnum(static_cast<unsigned char>(s[i]))) return false;
+  }
+  return true;
+}
+
+const char* StatusText(int status) {
+  switch (status) {
+    case 0:
+      return "frame";
+    case 1:
+      return "end of stream";
+    case 2:
+      return "time-out";
+    default:
+      return "unknown";
+  }
+}
+
+void PrintJson(FILE* out, long index, const FrameInfo& f, double t_ms) {
+  const int64_t wall = WallClockNs();
+  std::string pts = f.status == 0 && f.pts != UINT64_MAX ? std::to_string(f.pts) : "null";
+  std::string age = "null";
+  if (f.status == 0 && IsWallClock(f.pts, wall)) {
+    char buf[32];
+    snprintf(buf, sizeof(buf), "%.1f", (wall - static_cast<int64_t>(f.pts)) / 1e6);
+    age = buf;
+  }
+  fprintf(out,
+          "{\"index\":%ld,\"status\":%d,\"status_text\":\"%s\",\"source_id\":%d,"
+          "\"format\":%d,\"codec\":\"%s\",\"kind\":%d,\"width\":%d,\"height\":%d,"
+          "\"bytes\":%zu,\"pts\":%s,\"ntp_age_ms\":%s,\"t_ms\":%.1f}\n",
+          index, f.status, StatusText(f.status), f.source_id, f.format,
+          f.status == 0 ? TypeName(f.format).c_str() : "", f.kind, f.width, f.height, f.bytes,
+          pts.c_str(), age.c_str(), t_ms);
+  fflush(out);
+}
+
+// The first non-empty line of a list file, as the node reads it.
+std::string FirstListedFile(const std::string& list) {
+  std::ifstream in(list);
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty()) return line;
+  }
+  return "";
+}
+
+}  // namespace
+
+const char* PlayUsage() {
+  return "usage: qomm play SOURCE [options]\n"
+         "       qomm play --list FILE [options]\n"
+         "\n"
+         "Plays a source through its node and reports what arrives.\n"
+         "  SOURCE  rtsp://[user:password@]host[:port]/path   network camera (video input node)\n"
+         "          v4l2:///dev/videoN                         local camera (video input node)\n"
+         "          file:///path/clip.h264                     file through the live-stream layer\n"
+         "          path/clip.h264                             elementary-stream file (file input "
+         "node)\n"
+         "  --list FILE        play the files listed in FILE, one path a line (file input node)\n"
+         "\n"
+         "Source options:\n"
+         "  --type T           h264, h265, mjpeg, nv12, nv21, yuyv, uyvy, nv16 or a format "
+         "number;\n"
+         "                     default: probed for rtsp:// and v4l2://, from the file name or\n"
+         "                     content for files\n"
+         "  --tcp | --udp      RTSP transport (default udp)\n"
+         "  --loop N           files: N passes (0 one pass, the default; negative: endless)\n"
+         "  --start-index I    --stop-index I   first and last list entry (default all)\n"
+         "  --framerate F      pace files at F frames per second (0: as fast as they decode;\n"
+         "                     node default 25); capture rate of v4l2:// cameras\n"
+         "  --timeout S        seconds a pull waits for a frame (default 3); three empty pulls\n"
+         "                     in a row end the source with a time-out\n"
+         "  --width W --height H   v4l2:// capture size; picture size of raw files\n"
+         "  --packet-size N    bytes per read for files of other types than h264/h265/mjpeg\n"
+         "  --stream-id N      number stamped on every task\n"
+         "  --sync             pull frames with the node's GetFrame instead of its output thread\n"
+         "  --record           video input: also write raw frames to /tmp/strm_<id>_0 and _1\n"
+         "\n"
+         "Output options:\n"
+         "  --frames N         stop after N frames\n"
+         "  --duration S       stop after S seconds\n"
+         "  --snapshot F.png   decode the first picture into a PNG file (and stop then, unless\n"
+         "                     --frames or --duration is given)\n"
+         "  --json             one JSON object per task on standard output (the summary then\n"
+         "                     goes to standard error):\n"
+         "                     {\"index\":0,\"status\":0,\"status_text\":\"frame\",\"source_id\":0,"
+         "\"format\":31,\n"
+         "                      \"codec\":\"h264\",\"kind\":3,\"width\":320,\"height\":240,"
+         "\"bytes\":5120,\n"
+         "                      \"pts\":0,\"ntp_age_ms\":null,\"t_ms\":12.5}\n"
+         "                     status 0 frame, 1 end of stream, 2 time-out; kind 2 raw picture,\n"
+         "                     3 encoded; pts as the node stamps it (RTSP: Unix-epoch ns from the\n"
+         "                     sender's reports); ntp_age_ms how old the frame was on arrival\n"
+         "                     when pts is such a wall-clock time, else null; t_ms since open\n"
+         "\n"
+         "Exit status: 0 at the end of the stream, after --frames/--duration/--snapshot or\n"
+         "Ctrl-C; 1 when the source failed; 2 for bad usage.\n";
+}
+
+PlayOptions ParsePlayOptions(ArgReader& args) {
+  PlayOptions o;
+  bool have_source = false;
+  while (!args.done()) {
+    std::string a = args.Next();
+    if (a == "--type") {
+      std::string v = args.Value(a);
+      int type = 0;
+      if (!ParseType(v, &type)) throw UsageError("unknown stream type \"" + v + "\"");
+      o.type = type;
+    } else if (a == "--tcp" || a == "--udp") {
+      args.NoValue(a);
+      o.transport = a == "--tcp" ? kTransportTcp : kTransportUdp;
+    } else if (a == "--loop") {
+      o.loop = args.IntValue(a, -2147483647L - 1, 2147483647L);
+    } else if (a == "--start-index") {
+      o.start_index = args.IntValue(a, -1, 2147483647L);
+    } else if (a == "--stop-index") {
+      o.stop_index = args.IntValue(a, -1, 2147483647L);
+    } else if (a == "--framerate") {
+      o.framerate = args.DoubleValue(a, 0.0, 120.0);
+    } else if (a == "--timeout") {
+      o.timeout = args.IntValue(a, -2147483647L - 1, 2147483647L);
+    } else if (a == "--sync") {
+      args.NoValue(a);
+      o.sync = true;
+    } else if (a == "--record") {
+      args.NoValue(a);
+      o.record = true;
+    } else if (a == "--width") {
+      o.width = args.IntValue(a, 0, 4096);
+    } else if (a == "--height") {
+      o.height = args.IntValue(a, 0, 4096);
+    } else if (a == "--packet-size") {
+      o.packet_size = args.IntValue(a, 1, 2147483647L);
+    } else if (a == "--stream-id") {
+      o.stream_id = args.IntValue(a, -2147483647L - 1, 2147483647L);
+    } else if (a == "--frames") {
+      o.frames = args.IntValue(a, 1, 2147483647L);
+    } else if (a == "--duration") {
+      o.duration = args.DoubleValue(a, 0.001, 1e9);
+    } else if (a == "--json") {
+      args.NoValue(a);
+      o.json = true;
+    } else if (a == "--snapshot") {
+      o.snapshot = args.Value(a);
+      if (o.snapshot.empty()) throw UsageError("--snapshot needs a file name");
+    } else if (a == "--list") {
+      if (have_source) throw UsageError("give either a SOURCE or --list FILE");
+      o.source = args.Value(a);
+      o.list = true;
+      have_source = true;
+    } else if (a.size() > 1 && a[0] == '-') {
+      throw UsageError("unknown option " + a);
+    } else if (have_source) {
+      throw UsageError("only one SOURCE, not also \"" + a + "\"");
+    } else {
+      o.source = a;
+      have_source = true;
+    }
+  }
+  if (!have_source || o.source.empty()) throw UsageError("play needs a SOURCE");
+
+  const bool video = !o.list && HasScheme(o.source);
+  if (video && !StartsWith(o.source, "rtsp://") && !StartsWith(o.source, "v4l2://") &&
+      !StartsWith(o.source, "file://")) {
+    throw UsageError("unsupported source " + o.source + " (rtsp://, v4l2://, file:// or a path)");
+  }
+  if (video) {
+    if (o.loop || o.start_index || o.stop_index || o.packet_size) {
+      throw UsageError(
+          "--loop, --start-index, --stop-index and --packet-size apply to files "
+          "given by path");
+    }
+    if (o.framerate && *o.framerate > 0 && *o.framerate < 1 && StartsWith(o.source, "v4l2://")) {
+      throw UsageError("--framerate of a camera is a whole number of frames per second");
+    }
+  } else {
+    if (o.transport || o.record) {
+      throw UsageError("--tcp, --udp and --record apply to rtsp://, v4l2:// and file:// sources");
+    }
+  }
+  if ((o.start_index || o.stop_index) && !o.list) {
+    throw UsageError("--start-index and --stop-index apply to --list");
+  }
+  return o;
+}
+
+PlaySession::PlaySession(PlayOptions options) : options_(std::move(options)) {}
+
+int PlaySession::Fail(const std::string& message) const {
+  fprintf(stderr, "qomm: %s\n", message.c_str());
+  return 1;
+}
+
+std::string PlaySession::Prepare() {
+  const std::string& src = options_.source;
+  std::string why;
+  if (options_.list || !HasScheme(src)) {
+    node_kind_ = NodeKind::kFileInput;
+    path_ = src;
+    why = CheckReadable(path_);
+    if (!why.empty()) return "cannot open " + path_ + ": " + why;
+    std::string media = path_;
+    if (options_.list) {
+      media = FirstListedFile(path_);
+      if (media.empty()) return "cannot play " + path_ + ": the list names no file";
+    }
+    if (options_.type) {
+      type_ = *options_.type;
+    } else {
+      std::string error;
+      type_ = DetectFileType(media, &error);
+      if (type_ == kTypeUnknown) {
+        return "cannot tell the stream type of " + media + ": " +
+               (error.empty() ? "give it with --type" : error);
+      }
+    }
+    return "";
+  }
+
+  node_kind_ = NodeKind::kVideoInput;
+  if (StartsWith(src, "file://")) {
+    path_ = src.substr(7);
+    why = CheckReadable(path_);
+    if (!why.empty()) return "cannot open " + src + ": " + why;
+    std::string error;
+    type_ = options_.type ? *options_.type : DetectFileType(path_, &error);
+    if (type_ == kTypeUnknown) {
+      return "cannot tell the stream type of " + path_ + ": " +
+             (error.empty() ? "give it with --type" : error);
+    }
+    return "";
+  }
+  if (StartsWith(src, "v4l2://")) {
+    path_ = src.substr(7);
+    why = CheckReadable(path_);
+    if (!why.empty()) return "cannot open " + src + ": " + why;
+  } else {
+    why = CheckRtspReachable(src);
+    if (!why.empty()) return "cannot open " + src + ": " + why;
+  }
+  if (options_.type) {
+    type_ = *options_.type;
+    return "";
+  }
+  // The node's own detection, as a framework would ask it before opening.
+  LibraryOutput::Hold();
+  qo::QORetValue rv = SdkLibrary::Function("qo.mm.video.in.stream.type")(src);
+  type_ = rv;
+  if (type_ == kTypeUnknown && StartsWith(src, "v4l2://")) {
+    // Cameras are probed for JPEG only: anything else is taken for YUYV.
+    LibraryOutput::Release(true);
+    fprintf(stderr, "qomm: %s sends no JPEG; trying yuyv (see --type)\n", src.c_str());
+    type_ = kRawYuyv;
+    return "";
+  }
+  if (type_ == kTypeUnknown) {
+    LibraryOutput::Release(false);
+    return "cannot open " + src + ": " +
+           ExplainSourceFailure(src, "no H.264, H.265 or JPEG video found");
+  }
+  LibraryOutput::Release(true);
+  return "";
+}
+
+void PlaySession::Configure(NodePlayer* player) const {
+  const PlayOptions& o = options_;
+  player->SetInt("stream-type", type_);
+  if (o.stream_id) player->SetInt("stream-id", *o.stream_id);
+  if (o.timeout) player->SetInt("timeout", *o.timeout);
+  if (o.framerate) player->SetDouble("framerate", *o.framerate);
+  if (o.width) player->SetInt("width", *o.width);
+  if (o.height) player->SetInt("height", *o.height);
+  if (node_kind_ == NodeKind::kFileInput) {
+    player->SetString(o.list ? "file-list" : "file", path_);
+    if (o.loop) player->SetInt("loop", *o.loop);
+    if (o.start_index) player->SetInt("start-index", *o.start_index);
+    if (o.stop_index) player->SetInt("stop-index", *o.stop_index);
+    if (o.packet_size) player->SetInt("size", *o.packet_size);
+  } else {
+    player->SetString("uri", o.source);
+    if (o.transport) player->SetInt("lower-trans-type", *o.transport);
+    if (o.record) player->SetInt("save_stream", 1);
+  }
+}
+
+int PlaySession::Run() {
+  const PlayOptions& o = options_;
+  LibraryOutput::Forget();
+  std::string why = Prepare();
+  if (!why.empty()) return Fail(why);
+
+  const char* node_name = node_kind_ == NodeKind::kFileInput ? "file input" : "video input";
+  std::string title = o.title.empty() ? "play " + o.source : o.title;
+  title += " (" + std::string(node_name) + ", " + TypeName(type_) + (o.sync ? ", sync" : "") + ")";
+  PlayReport::Progress progress = PlayReport::Progress::kPeriodic;
+  if (o.quiet || qo::g_log_level >= 5) {
+    progress = PlayReport::Progress::kNone;
+  } else if (isatty(STDERR_FILENO)) {
+    progress = PlayReport::Progress::kLine;
+  }
+  PlayReport report(title, progress);
+  FILE* out = LibraryOutput::Out();
+  std::unique_ptr<Snapshot> snapshot;
+  if (!o.snapshot.empty()) snapshot.reset(new Snapshot(o.snapshot));
+  const bool stop_at_snapshot = snapshot && o.frames < 0 && o.duration < 0;
+
+  std::string end;
+  std::string failure;
+  try {
+    NodePlayer player(node_kind_, o.sync);
+    Configure(&player);
+    LibraryOutput::Hold();
+    try {
+      player.Open();
+    } catch (const qo::Error& e) {
+      LibraryOutput::Release(false);
+      return Fail("cannot open " + o.source + ": " +
+                  ExplainSourceFailure(o.source, ErrorMessage(e.what())));
+    }
+    report.Begin();
+    long index = 0;
+    for (;;) {
+      if (StopSignal::Requested()) {
+        end = "interrupted";
+        break;
+      }
+      if (o.duration > 0 && report.SecondsSinceBegin() >= o.duration) {
+        char buf[64];
+        snprintf(buf, sizeof(buf), "stopped after %g s", o.duration);
+        end = buf;
+        break;
+      }
+      FrameInfo frame;
+      if (player.Next(&frame, kSliceMs)) {
+        LibraryOutput::Release(true);
+        if (o.json) PrintJson(out, index, frame, report.SecondsSinceBegin() * 1000);
+        index++;
+        report.Add(frame);
+        if (frame.status == 1) {
+          end = "end of stream";
+          break;
+        }
+        if (frame.status == 2) {
+          int t = o.timeout ? *o.timeout : 3;
+          std::string reason = "no frame for " + std::to_string(3 * t) + " s";
+          failure = (report.frames() == 0 ? "cannot open " : "lost ") + o.source + ": " +
+                    ExplainSourceFailure(o.source, reason);
+          end = "time-out";
+          break;
+        }
+        if (frame.status != 0) {
+          failure = o.source + ": unexpected task status " + std::to_string(frame.status);
+          end = "failed";
+          break;
+        }
+        if (snapshot && snapshot->Feed(frame) && stop_at_snapshot) {
+          end = "snapshot taken";
+          break;
+        }
+        if (o.frames > 0 && report.frames() >= o.frames) {
+          end = "stopped after " + std::to_string(o.frames) + " frames";
+          break;
+        }
+      }
+      report.Tick();
+    }
+    player.Close();
+  } catch (const qo::Error& e) {
+    LibraryOutput::Release(false);
+    report.End("failed");
+    return Fail(o.source + ": " + ErrorMessage(e.what()));
+  }
+  LibraryOutput::Release(true);
+  report.End(end);
+  frames_ = report.frames();
+
+  if (failure.empty() || report.frames() > 0) report.PrintSummary(o.json ? stderr : out);
+  if (!failure.empty()) return Fail(failure);
+  if (snapshot) {
+    if (!snapshot->Finish()) {
+      return Fail("no snapshot for " + o.snapshot + ": " + snapshot->error());
+    }
+    fprintf(o.json ? stderr : out, "  snapshot:    %s (%dx%d)\n", o.snapshot.c_str(),
+            snapshot->width(), snapshot->height());
+    fflush(out);
+  }
+  return 0;
+}
+
+}  // namespace qomm

@@ -1,0 +1,76 @@
+#include "sdk_library.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include "core/qo_logging.h"
+
+namespace qomm {
+
+void* SdkLibrary::handle_ = nullptr;
+std::string SdkLibrary::path_;
+std::string SdkLibrary::requested_path_;
+
+namespace {
+
+// Directory of this program, without the trailing slash.
+std::string ProgramDir() {
+  char buf[4096];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+  if (n <= 0) return ".";
+  buf[n] = '\0';
+  std::string path(buf);
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+}  // namespace
+
+// The build tree keeps the library one level above the program, an install
+// in the library directory next to bin/; last comes the loader's own search.
+std::vector<std::string> SdkLibrary::Candidates() {
+  const std::string dir = ProgramDir();
+  return {dir + "/../" QO_SDKMM_SONAME, dir + "/../" QO_INSTALL_LIBDIR "/" QO_SDKMM_SONAME,
+          QO_SDKMM_SONAME, "libqosdkmm.so"};
+}
+
+bool SdkLibrary::Load(const std::string& path, std::string* error) {
+  if (handle_ != nullptr) return true;
+  std::vector<std::string> candidates =
+      path.empty() ? Candidates() : std::vector<std::string>{path};
+  std::string errors;
+  for (const std::string& candidate : candidates) {
+    void* handle = dlopen(candidate.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    if (handle != nullptr) {
+      handle_ = handle;
+      path_ = candidate;
+      return true;
+    }
+    const char* err = dlerror();
+    if (!errors.empty()) errors += "; ";
+    errors += err != nullptr ? err : candidate;
+  }
+  *error = "cannot load the media-input library (" + errors + ")";
+  return false;
+}
+
+void SdkLibrary::Require() {
+  std::string error;
+  if (!Load(requested_path_, &error)) throw qo::Error(error);
+}
+
+const qo::PackedFunc& SdkLibrary::Function(const std::string& name) {
+  Require();
+  const qo::PackedFunc* f = qo::Registry::Get(name);
+  if (f == nullptr || !*f) {
+    throw qo::Error("the media-input library registers no function \"" + name + "\"");
+  }
+  return *f;
+}
+
+void* SdkLibrary::Symbol(const char* mangled_name) {
+  if (handle_ == nullptr) return nullptr;
+  return dlsym(handle_, mangled_name);
+}
+
+}  // namespace qomm
