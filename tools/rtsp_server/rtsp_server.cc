@@ -275,8 +275,31 @@ struct RtspServer::Impl {
     }
   }
 
+  // The H.264/H.265 parsers give replayed elementary streams decoding times
+  // only, and the payloader would then stamp every packet with the same RTP
+  // time: receivers would see no frame times and no sender clock. Without
+  // B-frames (as in our generated streams) presentation = decoding time;
+  // with them the times are still monotonic, if out of display order.
+  static GstPadProbeReturn StampPresentationTime(GstPad*, GstPadProbeInfo* info, gpointer) {
+    GstBuffer* buf = GST_PAD_PROBE_INFO_BUFFER(info);
+    if (GST_BUFFER_PTS_IS_VALID(buf) || !GST_BUFFER_DTS_IS_VALID(buf)) return GST_PAD_PROBE_OK;
+    buf = gst_buffer_make_writable(buf);
+    GST_BUFFER_PTS(buf) = GST_BUFFER_DTS(buf);
+    GST_PAD_PROBE_INFO_DATA(info) = buf;
+    return GST_PAD_PROBE_OK;
+  }
+
   static void OnMediaConfigure(GstRTSPMediaFactory*, GstRTSPMedia* media, gpointer data) {
     g_signal_connect(media, "prepared", G_CALLBACK(OnMediaPrepared), data);
+    GstElement* bin = gst_rtsp_media_get_element(media);
+    GstElement* pay = bin ? gst_bin_get_by_name(GST_BIN(bin), "pay0") : nullptr;
+    GstPad* pad = pay ? gst_element_get_static_pad(pay, "sink") : nullptr;
+    if (pad) {
+      gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, StampPresentationTime, nullptr, nullptr);
+      gst_object_unref(pad);
+    }
+    if (pay) gst_object_unref(pay);
+    if (bin) gst_object_unref(bin);
   }
 };
 
