@@ -5,7 +5,7 @@ if(GST_RTSP_SERVER_FOUND)
   add_library(qortspserver STATIC
     ${CMAKE_CURRENT_LIST_DIR}/rtsp_server/rtsp_server.cc)
   target_include_directories(qortspserver PUBLIC ${CMAKE_CURRENT_LIST_DIR}/rtsp_server)
-  target_link_libraries(qortspserver PUBLIC PkgConfig::GST_RTSP_SERVER PkgConfig::GST PkgConfig::QO_GIO
+  target_link_libraries(qortspserver PUBLIC PkgConfig::GST_RTSP_SERVER PkgConfig::GST_RTSP PkgConfig::GST PkgConfig::QO_GIO
                         Threads::Threads)
 
   add_executable(qo-rtsp-server ${CMAKE_CURRENT_LIST_DIR}/rtsp_server/main.cc)

@@ -3,6 +3,8 @@
 #include <gio/gio.h>
 #include <gst/gst.h>
 #include <gst/rtsp-server/rtsp-server.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -258,6 +260,11 @@ struct RtspServer::Impl {
   static void OnClientConnected(GstRTSPServer*, GstRTSPClient* client, gpointer data) {
     auto* self = static_cast<Impl*>(data);
     self->clients++;
+    // RTP over TCP goes out on this connection in small writes; with Nagle's
+    // algorithm a write waits for the receiver's delayed ACK (about 40 ms).
+    GstRTSPConnection* conn = gst_rtsp_client_get_connection(client);
+    GSocket* socket = conn ? gst_rtsp_connection_get_write_socket(conn) : nullptr;
+    if (socket) g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(OnClientClosed), self);
   }
 
