@@ -1,6 +1,7 @@
 #include "failure.h"
 
 #include <fcntl.h>
+#include <glib.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -47,8 +48,9 @@ bool SplitRtspAuthority(const std::string& uri, std::string* host, std::string* 
   return !host->empty() && !port->empty();
 }
 
-// "" when connected within the time limit, else the reason.
-std::string TryConnect(const struct addrinfo* ai) {
+// "" when connected within the time limit, else the reason. With `keep` the
+// connected socket is handed over instead of closed.
+std::string TryConnect(const struct addrinfo* ai, int* keep = nullptr) {
   int fd = socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, ai->ai_protocol);
   if (fd < 0) return Lower(std::strerror(errno));
   std::string reason;
@@ -69,8 +71,95 @@ std::string TryConnect(const struct addrinfo* ai) {
       }
     }
   }
-  close(fd);
+  if (keep != nullptr && reason.empty()) {
+    *keep = fd;
+  } else {
+    close(fd);
+  }
   return reason;
+}
+
+// Connects to the server of an rtsp:// URI: the socket, or -1 with *reason.
+int ConnectRtsp(const std::string& uri, std::string* reason) {
+  std::string host;
+  std::string port;
+  if (!SplitRtspAuthority(uri, &host, &port)) {
+    *reason = "malformed rtsp:// address";
+    return -1;
+  }
+  struct addrinfo hints;
+  std::memset(&hints, 0, sizeof(hints));
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  struct addrinfo* list = nullptr;
+  int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
+  if (rc != 0) {
+    *reason = rc == EAI_NONAME ? "host not found" : Lower(gai_strerror(rc));
+    return -1;
+  }
+  *reason = "host not found";
+  int fd = -1;
+  for (const struct addrinfo* ai = list; ai != nullptr && fd < 0; ai = ai->ai_next) {
+    *reason = TryConnect(ai, &fd);
+  }
+  freeaddrinfo(list);
+  return fd;
+}
+
+// Splits "user:password@" off an rtsp:// URI (the request line carries the
+// URI without it).
+std::string SplitCredentials(const std::string& uri, std::string* userinfo) {
+  size_t start = 7;
+  size_t end = uri.find_first_of("/?#", start);
+  size_t at = uri.rfind('@', end == std::string::npos ? uri.size() : end);
+  userinfo->clear();
+  if (at == std::string::npos || at < start) return uri;
+  *userinfo = uri.substr(start, at - start);
+  return uri.substr(0, start) + uri.substr(at + 1);
+}
+
+// Sends DESCRIBE (with basic authentication when the URI has credentials)
+// and returns the status of a refusal ("404 Not Found"), or "" when the
+// server offers the stream, wants another kind of authentication, or does
+// not answer in time.
+std::string DescribeRefusal(int fd, const std::string& uri) {
+  std::string userinfo;
+  std::string request = "DESCRIBE " + SplitCredentials(uri, &userinfo) +
+                        " RTSP/1.0\r\nCSeq: 1\r\nAccept: application/sdp\r\nUser-Agent: qomm\r\n";
+  if (!userinfo.empty()) {
+    gchar* basic =
+        g_base64_encode(reinterpret_cast<const guchar*>(userinfo.data()), userinfo.size());
+    request += std::string("Authorization: Basic ") + basic + "\r\n";
+    g_free(basic);
+  }
+  request += "\r\n";
+  if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(request.size())) {
+    return "";
+  }
+  std::string reply;
+  while (reply.find("\r\n\r\n") == std::string::npos && reply.size() < 8192) {
+    struct pollfd p = {fd, POLLIN, 0};
+    if (poll(&p, 1, kConnectTimeoutMs) <= 0) break;
+    char buf[1024];
+    ssize_t n = recv(fd, buf, sizeof(buf), 0);
+    if (n <= 0) break;
+    reply.append(buf, static_cast<size_t>(n));
+  }
+  // "RTSP/1.0 404 Not Found"
+  std::string line = reply.substr(0, reply.find("\r\n"));
+  size_t sp = line.find(' ');
+  if (line.compare(0, 5, "RTSP/") != 0 || sp == std::string::npos) return "";
+  std::string status = line.substr(sp + 1);
+  if (status.compare(0, 1, "2") == 0) return "";
+  if (status.compare(0, 3, "401") == 0) {
+    if (userinfo.empty()) return status + " (the stream needs a user name and password)";
+    // Only a basic challenge proves the credentials wrong: other schemes
+    // were not tried here.
+    if (Lower(reply).find("www-authenticate: basic") == std::string::npos) return "";
+    return status + " (check the user name and password)";
+  }
+  return status;
 }
 
 }  // namespace
@@ -89,23 +178,19 @@ std::string ErrorMessage(const std::string& what) {
 }
 
 std::string CheckRtspReachable(const std::string& uri) {
-  std::string host;
-  std::string port;
-  if (!SplitRtspAuthority(uri, &host, &port)) return "malformed rtsp:// address";
-  struct addrinfo hints;
-  std::memset(&hints, 0, sizeof(hints));
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  struct addrinfo* list = nullptr;
-  int rc = getaddrinfo(host.c_str(), port.c_str(), &hints, &list);
-  if (rc != 0) return rc == EAI_NONAME ? "host not found" : Lower(gai_strerror(rc));
-  std::string reason = "host not found";
-  for (const struct addrinfo* ai = list; ai != nullptr; ai = ai->ai_next) {
-    reason = TryConnect(ai);
-    if (reason.empty()) break;
-  }
-  freeaddrinfo(list);
+  std::string reason;
+  int fd = ConnectRtsp(uri, &reason);
+  if (fd >= 0) close(fd);
   return reason;
+}
+
+std::string CheckRtspStream(const std::string& uri) {
+  std::string reason;
+  int fd = ConnectRtsp(uri, &reason);
+  if (fd < 0) return reason;
+  std::string refusal = DescribeRefusal(fd, uri);
+  close(fd);
+  return refusal.empty() ? "" : "the server answered " + refusal;
 }
 
 std::string CheckReadable(const std::string& path) {
@@ -119,8 +204,8 @@ std::string CheckReadable(const std::string& path) {
 
 std::string ExplainSourceFailure(const std::string& uri, const std::string& fallback) {
   if (uri.compare(0, 7, "rtsp://") == 0) {
-    std::string unreachable = CheckRtspReachable(uri);
-    if (!unreachable.empty()) return unreachable;
+    std::string refused = CheckRtspStream(uri);
+    if (!refused.empty()) return refused;
   }
   std::string gst = LibraryOutput::LastGstError();
   while (!gst.empty() && (gst.back() == '.' || gst.back() == ' ')) gst.pop_back();

@@ -15,11 +15,16 @@ std::string ErrorMessage(const std::string& what);
 // found", "connection timed out", ...
 std::string CheckRtspReachable(const std::string& uri);
 
+// Like CheckRtspReachable, then asks the server for the stream (DESCRIBE):
+// "" when it offers it (or does not answer), else "the server answered 404
+// Not Found" and the like.
+std::string CheckRtspStream(const std::string& uri);
+
 // Why a local file or device cannot be read, "" when it can.
 std::string CheckReadable(const std::string& path);
 
 // The best short reason for a source that delivered nothing: an unreachable
-// RTSP server, else the last error GStreamer reported, else `fallback`.
+// or refusing RTSP server, else the last error GStreamer reported, else `fallback`.
 std::string ExplainSourceFailure(const std::string& uri, const std::string& fallback);
 
 }  // namespace qomm

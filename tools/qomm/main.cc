@@ -92,7 +92,7 @@ int Main(int argc, char** argv) {
   try {
     rest = TakeGlobalOptions(words, &global);
   } catch (const UsageError& e) {
-    fprintf(stderr, "qomm: %s\n%s", e.what(), DemoUsage());
+    fprintf(stderr, "qomm: %s\nRun \"qomm --help\" for usage.\n", e.what());
     return 2;
   }
   if (!rest.empty() && (rest[0] == "play" || rest[0] == "probe" || rest[0] == "serve" ||

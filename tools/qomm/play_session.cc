@@ -272,7 +272,7 @@ std::string PlaySession::Prepare() {
     why = CheckReadable(path_);
     if (!why.empty()) return "cannot open " + src + ": " + why;
   } else {
-    why = CheckRtspReachable(src);
+    why = CheckRtspStream(src);
     if (!why.empty()) return "cannot open " + src + ": " + why;
   }
   if (options_.type) {

@@ -38,7 +38,7 @@ int RunProbe(ArgReader& args) {
   }
   if (live) {
     SdkLibrary::Require();
-    why = uri[0] == 'r' ? CheckRtspReachable(uri) : CheckReadable(uri.substr(7));
+    why = uri[0] == 'r' ? CheckRtspStream(uri) : CheckReadable(uri.substr(7));
     if (why.empty()) {
       LibraryOutput::Hold();
       qo::QORetValue rv = SdkLibrary::Function("qo.mm.video.in.stream.type")(uri);
