@@ -1,12 +1,7 @@
 #include "node_player.h"
 
-#include <cstddef>
-#include <cstring>
-
 #include "core/qo_logging.h"
 #include "core/qo_media_task.h"
-#include "node/qo_file_in_node.h"
-#include "node/qo_video_in_node.h"
 #include "sdk_library.h"
 
 namespace qomm {
@@ -18,38 +13,28 @@ constexpr size_t kQueueCapacity = 16;
 constexpr int kSyncPullSeconds = 1;
 constexpr int kRetryBudget = 3;
 
-template <typename Node>
-using PullMember = int (Node::*)(qo::NDArray&, int);
+// GetFrame is reached through the node's class, not through a registered
+// function. qomm loads the library at run time and so takes the exported
+// method from it by its symbol. The x86-64 C++ ABI passes `this` as the first
+// argument of a non-virtual member function, which makes the method callable
+// as a function of (node, frame, timeout).
+using PullFunction = int (*)(void* node, qo::NDArray& frame, int timeout);
 
-// GetFrame is reached through the class, not through a registered function.
-// qomm loads the library at run time, so it takes the exported method from
-// the library and forms the member pointer the way the x86-64 C++ ABI lays it
-// out: the function's address and a zero this-adjustment.
-template <typename Node>
-PullMember<Node> PullFromLibrary(const char* mangled_name) {
+PullFunction PullFromLibrary(const char* mangled_name) {
   void* address = SdkLibrary::Symbol(mangled_name);
   if (address == nullptr) {
     throw qo::Error("the media-input library exports no GetFrame for sync mode");
   }
-  struct {
-    void* ptr;
-    std::ptrdiff_t adj;
-  } rep{address, 0};
-  PullMember<Node> member;
-  static_assert(sizeof(member) == sizeof(rep), "unexpected member-pointer layout");
-  std::memcpy(&member, &rep, sizeof(member));
-  return member;
+  return reinterpret_cast<PullFunction>(address);
 }
 
 int PullFrame(NodeKind kind, void* node, qo::NDArray& frame, int timeout) {
-  if (kind == NodeKind::kFileInput) {
-    static const PullMember<qo::mm::FileInput> pull =
-        PullFromLibrary<qo::mm::FileInput>("_ZN2qo2mm9FileInput8GetFrameERNS_7NDArrayEi");
-    return (static_cast<qo::mm::FileInput*>(node)->*pull)(frame, timeout);
-  }
-  static const PullMember<qo::mm::VideoInput> pull =
-      PullFromLibrary<qo::mm::VideoInput>("_ZN2qo2mm10VideoInput8GetFrameERNS_7NDArrayEi");
-  return (static_cast<qo::mm::VideoInput*>(node)->*pull)(frame, timeout);
+  // qo::mm::FileInput::GetFrame and qo::mm::VideoInput::GetFrame.
+  static const PullFunction pull_file =
+      PullFromLibrary("_ZN2qo2mm9FileInput8GetFrameERNS_7NDArrayEi");
+  static const PullFunction pull_video =
+      PullFromLibrary("_ZN2qo2mm10VideoInput8GetFrameERNS_7NDArrayEi");
+  return (kind == NodeKind::kFileInput ? pull_file : pull_video)(node, frame, timeout);
 }
 
 void Describe(const qo::NDArray& array, FrameInfo* info) {
@@ -89,10 +74,9 @@ std::string NodePlayer::Name(const char* verb) const {
   return std::string(kind_ == NodeKind::kFileInput ? "qo.mm.file.in." : "qo.mm.video.in.") + verb;
 }
 
-qo::Thread* NodePlayer::thread() const {
-  if (kind_ == NodeKind::kFileInput) return static_cast<qo::mm::FileInput*>(node_);
-  return static_cast<qo::mm::VideoInput*>(node_);
-}
+// Both nodes derive from the node base alone, so the handle "create" returns
+// is the address of their base as well.
+qo::Thread* NodePlayer::thread() const { return static_cast<qo::Thread*>(node_); }
 
 void NodePlayer::SetInt(const std::string& key, int value) {
   if (key == "timeout") timeout_s_ = value;

@@ -407,19 +407,27 @@ int PlaySession::Run() {
     report.End("failed");
     return Fail(o.source + ": " + ErrorMessage(e.what()));
   }
-  LibraryOutput::Release(true);
+  // On failure qomm's one line replaces what the library said (-v shows it).
+  LibraryOutput::Release(failure.empty());
   report.End(end);
   frames_ = report.frames();
 
-  if (failure.empty() || report.frames() > 0) report.PrintSummary(o.json ? stderr : out);
+  FILE* summary = o.json ? stderr : out;
+  if (failure.empty() || report.frames() > 0) report.PrintSummary(summary);
+  if (o.record && report.frames() > 0) {
+    // The node's recorder: a ring of two files per stream id.
+    unsigned id = static_cast<unsigned>(o.stream_id ? *o.stream_id : 0);
+    fprintf(summary, "  recorded:    /tmp/strm_%02x_0 and /tmp/strm_%02x_1 (raw frames)\n", id, id);
+    fflush(summary);
+  }
   if (!failure.empty()) return Fail(failure);
   if (snapshot) {
     if (!snapshot->Finish()) {
       return Fail("no snapshot for " + o.snapshot + ": " + snapshot->error());
     }
-    fprintf(o.json ? stderr : out, "  snapshot:    %s (%dx%d)\n", o.snapshot.c_str(),
-            snapshot->width(), snapshot->height());
-    fflush(out);
+    fprintf(summary, "  snapshot:    %s (%dx%d)\n", o.snapshot.c_str(), snapshot->width(),
+            snapshot->height());
+    fflush(summary);
   }
   return 0;
 }

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
 namespace qomm {
 
 namespace {
@@ -27,7 +29,13 @@ std::vector<std::string> SampleDirs() {
 std::string FindSample(const std::string& name) {
   for (const std::string& dir : SampleDirs()) {
     std::string path = dir + "/" + name;
-    if (access(path.c_str(), R_OK) == 0) return path;
+    if (access(path.c_str(), R_OK) != 0) continue;
+    char* real = realpath(path.c_str(), nullptr);
+    if (real != nullptr) {
+      path = real;
+      free(real);
+    }
+    return path;
   }
   return "";
 }
