@@ -60,15 +60,17 @@ void Snapshot::Fail(const std::string& why) {
 bool Snapshot::Build(const FrameInfo& frame) {
   std::string caps;
   std::string decode;
-  // One decoding thread: a picture comes out as soon as it can be decoded.
+  // One decoding thread: a picture comes out as soon as it can be decoded;
+  // pictures decoded without their reference frames (a stream joined
+  // between key frames) are dropped.
   switch (frame.format) {
     case kTypeH264:
       caps = "video/x-h264,stream-format=byte-stream,alignment=au";
-      decode = "h264parse ! avdec_h264 max-threads=1";
+      decode = "h264parse ! avdec_h264 max-threads=1 output-corrupt=false";
       break;
     case kTypeH265:
       caps = "video/x-h265,stream-format=byte-stream,alignment=au";
-      decode = "h265parse ! avdec_h265 max-threads=1";
+      decode = "h265parse ! avdec_h265 max-threads=1 output-corrupt=false";
       break;
     case kTypeMjpeg:
       caps = "image/jpeg,parsed=true";
