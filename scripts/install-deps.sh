@@ -12,6 +12,8 @@ packages=(
   # run-time elements: parsers, RTSP client, v4l2src, encoders, decoders
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
+  # the time overlay drawn on the bundled samples (scripts/gen-samples.sh)
+  gstreamer1.0-x
   # tensor record layouts
   libdlpack-dev
   # tests and benchmarks

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -47,10 +48,13 @@ TEST(QommRtsp, PlayJsonSnapshotTcpAndSync) {
   ServeProcess serve(Samples());
   ASSERT_EQ(serve.urls().size(), 3u) << serve.process().Err();
 
-  RunResult r = RunQomm({"play", serve.urls()[0], "--frames", "20", "--json"});
+  // 45 frames: a second and a half, long enough for the sender's first
+  // reports to turn the time stamps into wall-clock times.
+  RunResult r = RunQomm({"play", serve.urls()[0], "--frames", "45", "--json"});
   ASSERT_EQ(r.status, 0) << r.err;
   std::vector<std::string> lines = Lines(r.out);
-  ASSERT_EQ(lines.size(), 20u);
+  ASSERT_EQ(lines.size(), 45u);
+  int aged = 0;
   for (const std::string& line : lines) {
     std::map<std::string, std::string> f;
     ASSERT_TRUE(ParseJsonObject(line, &f)) << line;
@@ -58,8 +62,17 @@ TEST(QommRtsp, PlayJsonSnapshotTcpAndSync) {
     EXPECT_EQ(f["codec"], "h264");
     EXPECT_EQ(f["width"], "320");
     EXPECT_NE(f["pts"], "null");
+    if (f["ntp_age_ms"] != "null") {
+      aged++;
+      // Sender and receiver share this machine's clock.
+      double age = std::atof(f["ntp_age_ms"].c_str());
+      EXPECT_GT(age, -1000) << line;
+      EXPECT_LT(age, 5000) << line;
+    }
   }
-  EXPECT_EQ(SummaryText(r.err, "end"), "stopped after 20 frames");
+  EXPECT_GT(aged, 0) << r.out;
+  EXPECT_EQ(SummaryText(r.err, "end"), "stopped after 45 frames");
+  EXPECT_NE(SummaryText(r.err, "frame age"), "") << r.err;
 
   const std::string png = TempPath("camera.png");
   r = RunQomm({"play", serve.urls()[2], "--tcp", "--snapshot", png});
