@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -146,6 +147,10 @@ int Main(int argc, char** argv) {
     status = 2;
   } catch (const qo::Error& e) {
     fprintf(stderr, "qomm: %s\n", ErrorMessage(e.what()).c_str());
+    status = 1;
+  } catch (const std::exception& e) {
+    // Whatever else a node lets escape still ends in one line.
+    fprintf(stderr, "qomm: %s\n", e.what());
     status = 1;
   }
   LibraryOutput::Finish();
