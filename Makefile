@@ -12,7 +12,7 @@ SAN_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1:detect_st
           LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp:print_suppressions=0 \
           UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-.PHONY: all deps build demo test asan-test install clean
+.PHONY: all deps build demo test asan-test bench install clean
 
 all: build
 
@@ -36,6 +36,11 @@ asan-test: deps
 	  -DQO_SANITIZE=address,undefined -DQO_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && $(SAN_ENV) ctest --output-on-failure -j $(JOBS) --timeout 600
+
+# Throughput, latency, scale, start/stop and churn next to GStreamer and
+# FFmpeg (release build, about ten minutes): bench/results.md, bench/plots/.
+bench: deps
+	BUILD=$(BUILD) bash scripts/bench.sh
 
 # A system install: libraries and headers under /usr/local, the live555src
 # plugin module into GStreamer's own plugin directory so gst-inspect-1.0 and
