@@ -21,6 +21,8 @@ TEST(QommCli, BadUsageExitsWithTwoAndOneHint) {
       {"play", SamplePath("sample.h264"), "--no-such-option"},
       {"play", SamplePath("sample.h264"), "--tcp"},
       {"play", "rtsp://127.0.0.1:1/x", "--loop", "2"},
+      {"play", "rtsp://127.0.0.1:1/x", "--type", "nv12"},
+      {"play", "file:///x.h264", "--type", "99"},
       {"play", "http://127.0.0.1/x"},
       {"play", "a.h264", "b.h264"},
       {"play", "a.h264", "--json=yes"},

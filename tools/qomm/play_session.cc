@@ -201,6 +201,20 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
       !StartsWith(o.source, "file://")) {
     throw UsageError("unsupported source " + o.source + " (rtsp://, v4l2://, file:// or a path)");
   }
+  if (video && o.type) {
+    // The live-stream layer builds pipelines for these types only.
+    const bool camera = StartsWith(o.source, "v4l2://");
+    const int t = *o.type;
+    const bool encoded = t == kTypeH264 || t == kTypeH265 || t == kTypeMjpeg;
+    const bool raw = t == 0 || t == 1 || t == 3 || t == 4 || t == 9 || t == 10;
+    if (!encoded && !(camera && raw)) {
+      throw UsageError("--type " + TypeName(t) + " does not apply to " +
+                       o.source.substr(0, o.source.find("://") + 3) + " sources (" +
+                       (camera ? "h264, h265, mjpeg, nv12, nv21, yuyv, uyvy, nv16 or i420"
+                               : "h264, h265 or mjpeg") +
+                       ")");
+    }
+  }
   if (video) {
     if (o.loop || o.start_index || o.stop_index || o.packet_size) {
       throw UsageError(
