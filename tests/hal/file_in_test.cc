@@ -214,6 +214,13 @@ TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
   blocked.join();
   EXPECT_EQ(result, -1);
   EXPECT_EQ(refused->frees, 1);
+  // The stopped decoder ends a pull at once instead of waiting out its limit.
+  qo_StreamInfo after{};
+  const int64_t t1 = testutil::MonotonicNs();
+  qo_VideoFileGetFrame(h, &after, 3);
+  EXPECT_LT(testutil::MonotonicNs() - t1, 1000e6);
+  EXPECT_EQ(after.eos, 1);
+  EXPECT_EQ(after.data, nullptr);
   qo_VideoFileClose(h);
   ExpectEachFreedOnce(accepted);
   const std::string text = cap.Finish();

@@ -49,6 +49,16 @@ static_assert(sizeof(std::atomic<gboolean>) == sizeof(gboolean), "eos keeps its 
 // lines; the ones that carry explicit white space are printed verbatim.
 void PrintLine(const char* text) { std::printf("%s\n", text); }
 
+// True once Stop brought the pipeline down to READY. A starting pipeline is
+// in READY too while it prerolls, but its target is PLAYING.
+bool Stopped(GstElement* element) {
+  GST_OBJECT_LOCK(element);
+  bool stopped = GST_STATE_TARGET(element) == GST_STATE_READY &&
+                 GST_STATE(element) == GST_STATE_READY;
+  GST_OBJECT_UNLOCK(element);
+  return stopped;
+}
+
 GstState CurrentState(GstElement* element) {
   GST_OBJECT_LOCK(element);
   GstState state = GST_STATE(element);
@@ -370,11 +380,16 @@ QO_C_API void qo_VideoFileGetFrame(qo_VideoFileHandle handle, qo_StreamInfo* str
     return;
   }
 
+  // A started pipeline plays until Stop, which sends end of stream and leaves
+  // it in READY. A sink stays "started" in READY, so a pull there would sit
+  // out its whole time-out and never see the end: report the end at once.
+  bool stopped = Stopped(pvf->pipeline);
   GstClockTime wait =
       timeout > 0 ? static_cast<GstClockTime>(timeout) * GST_SECOND : GST_CLOCK_TIME_NONE;
-  GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(pvf->sink), wait);
+  GstSample* sample =
+      stopped ? nullptr : gst_app_sink_try_pull_sample(GST_APP_SINK(pvf->sink), wait);
   if (sample == nullptr) {
-    if (gst_app_sink_is_eos(GST_APP_SINK(pvf->sink))) {
+    if (stopped || Stopped(pvf->pipeline) || gst_app_sink_is_eos(GST_APP_SINK(pvf->sink))) {
       PrintLine("KvVideoFile: get eos");
       strm->eos = 1;
       pvf->eos.store(TRUE, std::memory_order_relaxed);
