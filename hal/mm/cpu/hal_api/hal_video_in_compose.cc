@@ -161,9 +161,9 @@ void qo_VideoStreamCfg(qo_StrmHandle handle, const char* property, int value) {
   if (property && proxy->state.load(std::memory_order_relaxed) == -1) {
     stored = true;
     if (strcmp(property, "lower-trans-type") == 0) {
-      proxy->rtsp_trans = static_cast<qo_RtspTransport>(value);
+      proxy->rtsp_trans = value;
     } else if (strcmp(property, "stream-type") == 0) {
-      proxy->source_stream_type = static_cast<qoPixelFormat>(value);
+      proxy->source_stream_type = value;
     } else if (strcmp(property, "width") == 0) {
       proxy->desc.src_w = value;
     } else if (strcmp(property, "height") == 0) {

@@ -43,8 +43,8 @@ constexpr size_t kParamSize = 512;
 // One opened stream, from open (calloc) to close (free).
 struct MultiStreamPipeline {
   uint8_t iId;
-  qo_RtspTransport rtsp_trans;
-  qoPixelFormat source_stream_type;
+  int rtsp_trans;  // a qo_RtspTransport, but any int the caller set
+  int source_stream_type;  // a qoPixelFormat, but any int the caller set
   int expo;
   int expo_auto;
   PipelineDesc desc;
