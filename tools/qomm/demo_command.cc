@@ -73,18 +73,18 @@ int RunDemo(ArgReader& args) {
   qo::tools::RtspServerOptions server_options;
   server_options.address = "127.0.0.1";
   qo::tools::RtspServer server(server_options);
-  qo::tools::RtspStreamSpec spec;
-  spec.mount = "/" + std::string(kSample);
-  spec.codec = qo::tools::RtspCodec::kH264;
-  spec.fps = kSampleFps;
-  spec.file = sample;
+  qo::tools::RtspStreamSpec stream;
+  stream.mount = "/" + std::string(kSample);
+  stream.codec = qo::tools::RtspCodec::kH264;
+  stream.fps = kSampleFps;
+  stream.file = sample;
   std::string error;
-  if (!server.AddStream(spec, &error) || !server.Start(&error)) {
+  if (!server.AddStream(stream, &error) || !server.Start(&error)) {
     fprintf(stderr, "qomm: cannot serve the sample over RTSP: %s\n", error.c_str());
     return 1;
   }
   PlayOptions rtsp;
-  rtsp.source = server.Url(spec.mount);
+  rtsp.source = server.Url(stream.mount);
   rtsp.frames = kRtspFrames;
   rtsp.duration = kRtspLimitS;
   rtsp.title = "2. video input node: " + rtsp.source;

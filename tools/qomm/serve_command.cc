@@ -72,13 +72,13 @@ int RunServe(ArgReader& args) {
     }
     std::string error;
     int type = DetectFileType(file, &error);
-    qo::tools::RtspStreamSpec spec;
+    qo::tools::RtspStreamSpec stream;
     if (type == kTypeH264) {
-      spec.codec = qo::tools::RtspCodec::kH264;
+      stream.codec = qo::tools::RtspCodec::kH264;
     } else if (type == kTypeH265) {
-      spec.codec = qo::tools::RtspCodec::kH265;
+      stream.codec = qo::tools::RtspCodec::kH265;
     } else if (type == kTypeMjpeg) {
-      spec.codec = qo::tools::RtspCodec::kMjpeg;
+      stream.codec = qo::tools::RtspCodec::kMjpeg;
     } else {
       fprintf(stderr, "qomm: cannot serve %s: %s\n", file.c_str(),
               error.empty() ? "neither H.264, H.265 nor MJPEG" : error.c_str());
@@ -88,10 +88,10 @@ int RunServe(ArgReader& args) {
     for (int n = 2; mounts.count(mount) > 0; ++n)
       mount = "/" + BaseName(file) + "-" + std::to_string(n);
     mounts.insert(mount);
-    spec.mount = mount;
-    spec.fps = fps;
-    spec.file = file;
-    if (!server.AddStream(spec, &error)) {
+    stream.mount = mount;
+    stream.fps = fps;
+    stream.file = file;
+    if (!server.AddStream(stream, &error)) {
       fprintf(stderr, "qomm: cannot serve %s: %s\n", file.c_str(), error.c_str());
       return 1;
     }

@@ -110,7 +110,7 @@ gboolean OnSignal(gpointer data) {
 int main(int argc, char** argv) {
   gst_init(&argc, &argv);
   qo::tools::RtspServerOptions options;
-  std::vector<std::string> specs;
+  std::vector<std::string> stream_args;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     auto value = [&](int* out_int, std::string* out_str) {
@@ -135,24 +135,24 @@ int main(int argc, char** argv) {
     } else if (a == "--stream") {
       std::string s;
       value(nullptr, &s);
-      specs.push_back(s);
+      stream_args.push_back(s);
     } else if (a == "-h" || a == "--help") {
       Usage(argv[0]);
       return 0;
     } else if (!a.empty() && a[0] != '-') {
-      specs.push_back(a);
+      stream_args.push_back(a);
     } else {
       Usage(argv[0]);
       return 2;
     }
   }
-  if (specs.empty()) specs = {"h264=h264", "h265=h265", "mjpeg=mjpeg"};
+  if (stream_args.empty()) stream_args = {"h264=h264", "h265=h265", "mjpeg=mjpeg"};
 
   qo::tools::RtspServer server(options);
-  for (const auto& text : specs) {
-    qo::tools::RtspStreamSpec spec;
+  for (const auto& text : stream_args) {
+    qo::tools::RtspStreamSpec stream;
     std::string err;
-    if (!qo::tools::RtspStreamSpec::Parse(text, &spec, &err) || !server.AddStream(spec, &err)) {
+    if (!qo::tools::RtspStreamSpec::Parse(text, &stream, &err) || !server.AddStream(stream, &err)) {
       std::fprintf(stderr, "qo-rtsp-server: %s\n", err.c_str());
       return 2;
     }

@@ -316,18 +316,18 @@ RtspServer::RtspServer(RtspServerOptions options) : impl_(new Impl) {
 
 RtspServer::~RtspServer() { Stop(); }
 
-bool RtspServer::AddStream(const RtspStreamSpec& spec, std::string* error) {
+bool RtspServer::AddStream(const RtspStreamSpec& stream, std::string* error) {
   if (impl_->started) {
     if (error) *error = "streams must be added before Start";
     return false;
   }
   for (const auto& s : impl_->streams) {
-    if (s.mount == spec.mount) {
-      if (error) *error = "mount " + spec.mount + " used twice";
+    if (s.mount == stream.mount) {
+      if (error) *error = "mount " + stream.mount + " used twice";
       return false;
     }
   }
-  impl_->streams.push_back(spec);
+  impl_->streams.push_back(stream);
   return true;
 }
 

@@ -49,7 +49,7 @@ class RtspServer {
   RtspServer& operator=(const RtspServer&) = delete;
 
   // Streams are added before Start.
-  bool AddStream(const RtspStreamSpec& spec, std::string* error);
+  bool AddStream(const RtspStreamSpec& stream, std::string* error);
   // Binds, starts listening and serving. gst_init must have been called.
   bool Start(std::string* error);
   // Closes all connections and the listening socket, joins the thread.
