@@ -478,8 +478,8 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
   g_mutex_lock(&self->lock);
   current =
       !self->shutting_down && self->depay && GST_OBJECT_PARENT(pad) == (GstObject*)self->depay;
-  if (!current || live555_src_is_dropping(self)) {
-    /* A connection given up on, or one being removed. */
+  if (!current || (self->reconnect && live555_src_is_dropping(self))) {
+    /* A connection given up on for a new one, or one being removed. */
     g_mutex_unlock(&self->lock);
     return GST_PAD_PROBE_DROP;
   }
