@@ -478,8 +478,8 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
   g_mutex_lock(&self->lock);
   current =
       !self->shutting_down && self->depay && GST_OBJECT_PARENT(pad) == (GstObject*)self->depay;
-  if (!current || live555_src_is_dropping(self)) {
-    /* A connection given up on, or one being removed. */
+  if (!current || (self->reconnect && live555_src_is_dropping(self))) {
+    /* A connection given up on for a new one, or one being removed. */
     g_mutex_unlock(&self->lock);
     return GST_PAD_PROBE_DROP;
   }
@@ -954,18 +954,22 @@ static GstStateChangeReturn gst_live555_src_change_state(GstElement* element,
                                                          GstStateChange transition) {
   GstLive555Src* self = GST_LIVE555_SRC(element);
   GstStateChangeReturn ret;
-  gboolean has_inner;
+  gboolean fresh;
 
   switch (transition) {
     case GST_STATE_CHANGE_NULL_TO_READY:
       if (!live555_src_build_inner(self)) return GST_STATE_CHANGE_FAILURE;
       break;
     case GST_STATE_CHANGE_READY_TO_PAUSED:
-      /* A run that ended while reconnecting left no inside behind. */
+      /* A new run needs a fresh inside: the last run may have ended while
+       * reconnecting (none left) or shut its inside down on PAUSED->READY. */
       g_mutex_lock(&self->lock);
-      has_inner = self->rtspsrc != NULL;
+      fresh = self->rtspsrc != NULL && !self->shutting_down;
       g_mutex_unlock(&self->lock);
-      if (!has_inner && !live555_src_build_inner(self)) return GST_STATE_CHANGE_FAILURE;
+      if (!fresh) {
+        live555_src_teardown_inner(self);
+        if (!live555_src_build_inner(self)) return GST_STATE_CHANGE_FAILURE;
+      }
       live555_src_watch_start(self);
       break;
     case GST_STATE_CHANGE_PLAYING_TO_PAUSED:

@@ -16,6 +16,8 @@ packages=(
   gstreamer1.0-x
   # tensor record layouts
   libdlpack-dev
+  # the libFuzzer run (make fuzz): clang and its sanitizer runtimes
+  clang libclang-rt-14-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev ffmpeg gnuplot-nox
   python3 procps psmisc

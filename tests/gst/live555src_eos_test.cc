@@ -85,6 +85,11 @@ TEST_F(Live555SrcEosTest, EosRequestedBeforePlayingIsSentOnStart) {
   gboolean eos = TRUE;
   g_object_get(rx.src(), "eos", &eos, nullptr);
   EXPECT_FALSE(eos);
+  const size_t from = rx.states().size();
+  rx.SetState(GST_STATE_PLAYING);
+  EXPECT_TRUE(rx.WaitSamples(5, 10000)) << "no frames in the second run";
+  EXPECT_FALSE(rx.WaitEos(0));
+  EXPECT_EQ(rx.WaitState("lost", 0, from), -1) << "the second run's first connection failed";
 }
 
 // Without reconnection a refused connection ends in an error, as the RTSP

@@ -1,0 +1,243 @@
+/* Makes GLib's mutexes and condition variables visible to ThreadSanitizer.
+ *
+ * GLib implements GMutex with futexes and GRecMutex/GCond inside the
+ * uninstrumented library, so ThreadSanitizer never sees the ordering they
+ * give, and every access that our instrumented code protects with them
+ * would be reported as a race. Preloaded into the test processes of the
+ * ThreadSanitizer run (LD_PRELOAD, see the Makefile's tsan-test), these
+ * wrappers call the real functions and tell ThreadSanitizer about the
+ * acquire and release. Built without sanitizers: in a process without
+ * ThreadSanitizer (e.g. GStreamer's plugin scanner, which inherits the
+ * environment) the annotations are absent and the wrappers only forward.
+ *
+ * The same for main loops: GLib orders the dispatch of a source after its
+ * attachment, and its removal after the last dispatch, with its own
+ * (invisible) context lock. Sources made through g_source_new() get a
+ * dispatch function that acquires the source before and releases it after;
+ * attaching releases it, removing or destroying acquires it (before the
+ * source can be freed: freeing drops what ThreadSanitizer knew of it). A
+ * dispatch still running at the removal is not covered; the code must wait
+ * for it itself (as the live-stream layer does through the watch's destroy
+ * notification). Functions
+ * handed over with g_main_context_invoke() are treated alike. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <glib.h>
+#include <pthread.h>
+#include <stdlib.h>
+
+void __tsan_acquire(void* addr) __attribute__((weak));
+void __tsan_release(void* addr) __attribute__((weak));
+
+typedef void (*MutexFn)(GMutex*);
+typedef gboolean (*MutexTryFn)(GMutex*);
+typedef void (*RecMutexFn)(GRecMutex*);
+typedef gboolean (*RecMutexTryFn)(GRecMutex*);
+typedef void (*CondWaitFn)(GCond*, GMutex*);
+typedef gboolean (*CondWaitUntilFn)(GCond*, GMutex*, gint64);
+
+/* The next definition (GLib's), looked up on first use: GLib may lock
+ * before any constructor of ours has run. */
+#define REAL(name, type)   \
+  static type real_##name; \
+  if (G_UNLIKELY(!real_##name)) real_##name = (type)dlsym(RTLD_NEXT, #name)
+
+static void acquire(void* addr) {
+  if (__tsan_acquire) __tsan_acquire(addr);
+}
+static void release(void* addr) {
+  if (__tsan_release) __tsan_release(addr);
+}
+/* GRecMutex sits on a recursive pthread mutex that GLib allocates and keeps
+ * in its first field (gthread-posix.c). ThreadSanitizer sees those pthread
+ * calls only in part (from GLib they are ignored, unless a tail call makes
+ * them look as if they came from GLib's caller), which breaks its view of
+ * the mutex. Once the mutex exists the wrappers lock it themselves, so every
+ * operation is seen; a mutex not yet allocated goes through GLib. */
+static pthread_mutex_t* rec_impl(GRecMutex* mutex) {
+  return (pthread_mutex_t*)g_atomic_pointer_get(&mutex->p);
+}
+
+void g_mutex_lock(GMutex* mutex) {
+  REAL(g_mutex_lock, MutexFn);
+  real_g_mutex_lock(mutex);
+  acquire(mutex);
+}
+
+gboolean g_mutex_trylock(GMutex* mutex) {
+  REAL(g_mutex_trylock, MutexTryFn);
+  if (!real_g_mutex_trylock(mutex)) return FALSE;
+  acquire(mutex);
+  return TRUE;
+}
+
+void g_mutex_unlock(GMutex* mutex) {
+  REAL(g_mutex_unlock, MutexFn);
+  release(mutex);
+  real_g_mutex_unlock(mutex);
+}
+
+void g_rec_mutex_lock(GRecMutex* mutex) {
+  pthread_mutex_t* impl = rec_impl(mutex);
+  REAL(g_rec_mutex_lock, RecMutexFn);
+  if (impl) {
+    pthread_mutex_lock(impl);
+  } else {
+    real_g_rec_mutex_lock(mutex);
+    acquire(mutex);
+  }
+}
+
+gboolean g_rec_mutex_trylock(GRecMutex* mutex) {
+  pthread_mutex_t* impl = rec_impl(mutex);
+  REAL(g_rec_mutex_trylock, RecMutexTryFn);
+  if (impl) return pthread_mutex_trylock(impl) == 0;
+  if (!real_g_rec_mutex_trylock(mutex)) return FALSE;
+  acquire(mutex);
+  return TRUE;
+}
+
+void g_rec_mutex_unlock(GRecMutex* mutex) {
+  pthread_mutex_t* impl = rec_impl(mutex);
+  REAL(g_rec_mutex_unlock, RecMutexFn);
+  release(mutex);
+  if (impl) {
+    pthread_mutex_unlock(impl);
+  } else {
+    real_g_rec_mutex_unlock(mutex);
+  }
+}
+
+void g_cond_wait(GCond* cond, GMutex* mutex) {
+  REAL(g_cond_wait, CondWaitFn);
+  release(mutex);
+  real_g_cond_wait(cond, mutex);
+  acquire(mutex);
+}
+
+gboolean g_cond_wait_until(GCond* cond, GMutex* mutex, gint64 end_time) {
+  gboolean signalled;
+  REAL(g_cond_wait_until, CondWaitUntilFn);
+  release(mutex);
+  signalled = real_g_cond_wait_until(cond, mutex, end_time);
+  acquire(mutex);
+  return signalled;
+}
+
+/* A function handed to a main context, with its data. */
+typedef struct {
+  GSourceFunc func;
+  gpointer data;
+  GDestroyNotify notify;
+} Invoke;
+
+static gboolean invoke_dispatch(gpointer user_data) {
+  Invoke* call = user_data;
+  acquire(call);
+  return call->func(call->data);
+}
+
+static void invoke_free(gpointer user_data) {
+  Invoke* call = user_data;
+  if (call->notify) call->notify(call->data);
+  free(call);
+}
+
+typedef void (*InvokeFullFn)(GMainContext*, gint, GSourceFunc, gpointer, GDestroyNotify);
+
+void g_main_context_invoke_full(GMainContext* context, gint priority, GSourceFunc function,
+                                gpointer data, GDestroyNotify notify) {
+  Invoke* call;
+  REAL(g_main_context_invoke_full, InvokeFullFn);
+  call = malloc(sizeof(*call));
+  if (!call) {
+    real_g_main_context_invoke_full(context, priority, function, data, notify);
+    return;
+  }
+  call->func = function;
+  call->data = data;
+  call->notify = notify;
+  release(call);
+  real_g_main_context_invoke_full(context, priority, invoke_dispatch, call, invoke_free);
+}
+
+void g_main_context_invoke(GMainContext* context, GSourceFunc function, gpointer data) {
+  g_main_context_invoke_full(context, G_PRIORITY_DEFAULT, function, data, NULL);
+}
+
+/* Sources: each GSourceFuncs table seen gets a copy whose dispatch is
+ * wrapped. Tables are static in their libraries, and there are few. */
+#define MAX_SOURCE_KINDS 64
+static struct {
+  const GSourceFuncs* orig;
+  GSourceFuncs copy;
+} kinds[MAX_SOURCE_KINDS];
+static gint kind_count; /* entries below it are complete and never change */
+static pthread_mutex_t kinds_lock = PTHREAD_MUTEX_INITIALIZER;
+
+static gboolean source_dispatch(GSource* source, GSourceFunc callback, gpointer user_data) {
+  const GSourceFuncs* orig = NULL;
+  gint i, n = g_atomic_int_get(&kind_count);
+  gboolean again;
+  for (i = 0; i < n && !orig; ++i) {
+    if (source->source_funcs == &kinds[i].copy) orig = kinds[i].orig;
+  }
+  if (!orig) return FALSE; /* cannot happen: only copies dispatch here */
+  acquire(source);
+  again = orig->dispatch(source, callback, user_data);
+  release(source);
+  return again;
+}
+
+static GSourceFuncs* copy_of(GSourceFuncs* funcs) {
+  GSourceFuncs* copy = NULL;
+  gint i;
+  pthread_mutex_lock(&kinds_lock);
+  for (i = 0; i < kind_count && !copy; ++i) {
+    if (kinds[i].orig == funcs) copy = &kinds[i].copy;
+  }
+  if (!copy && kind_count < MAX_SOURCE_KINDS) {
+    kinds[kind_count].orig = funcs;
+    kinds[kind_count].copy = *funcs;
+    kinds[kind_count].copy.dispatch = source_dispatch;
+    copy = &kinds[kind_count].copy;
+    g_atomic_int_inc(&kind_count);
+  }
+  pthread_mutex_unlock(&kinds_lock);
+  return copy;
+}
+
+typedef GSource* (*SourceNewFn)(GSourceFuncs*, guint);
+typedef guint (*SourceAttachFn)(GSource*, GMainContext*);
+typedef void (*SourceDestroyFn)(GSource*);
+typedef gboolean (*SourceRemoveFn)(guint);
+
+GSource* g_source_new(GSourceFuncs* source_funcs, guint struct_size) {
+  GSourceFuncs* copy = NULL;
+  REAL(g_source_new, SourceNewFn);
+  if (source_funcs && source_funcs->dispatch && source_funcs->dispatch != source_dispatch)
+    copy = copy_of(source_funcs);
+  return real_g_source_new(copy ? copy : source_funcs, struct_size);
+}
+
+guint g_source_attach(GSource* source, GMainContext* context) {
+  REAL(g_source_attach, SourceAttachFn);
+  release(source);
+  return real_g_source_attach(source, context);
+}
+
+void g_source_destroy(GSource* source) {
+  REAL(g_source_destroy, SourceDestroyFn);
+  /* Before: the source may be freed inside, and its ordering with it. */
+  acquire(source);
+  real_g_source_destroy(source);
+}
+
+gboolean g_source_remove(guint tag) {
+  GSource* source = g_main_context_find_source_by_id(NULL, tag);
+  gboolean removed;
+  REAL(g_source_remove, SourceRemoveFn);
+  if (source) acquire(source);
+  removed = real_g_source_remove(tag);
+  return removed;
+}
