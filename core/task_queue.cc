@@ -78,6 +78,10 @@ void TaskQueue::Dispose(Task& task) {
       task.info->free(task);
     } else if (task.info && task.info->serialise) {
       // The serialiser takes the task over; dropping its array frees the rest.
+      // A frame sent to several ports shares one array, and every serialiser
+      // writes its header into that array's side buffer: one at a time.
+      static std::mutex serialise_mutex;
+      std::lock_guard<std::mutex> lock(serialise_mutex);
       task.info->serialise(task.data);
     } else {
       LOG(4) << "task without type information cannot be freed";

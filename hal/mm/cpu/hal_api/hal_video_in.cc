@@ -447,7 +447,7 @@ int qo_VideoStreamStop(qo_StrmHandle handle) {
   }
   // A thread pulling frames sets wait_eos when the end arrives.
   int polls = 0;
-  while (polls < kStopPolls && !proxy->wait_eos.load(std::memory_order_relaxed)) {
+  while (polls < kStopPolls && !proxy->wait_eos.load(std::memory_order_acquire)) {
     usleep(kStopPollUs);
     polls++;
   }
@@ -502,7 +502,7 @@ void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int time
       fflush(stdout);
       frame->eos = 1;
       frame->data = nullptr;
-      proxy->wait_eos.store(1, std::memory_order_relaxed);
+      proxy->wait_eos.store(1, std::memory_order_release);
     } else {
       HalPrint("########> retry timeout:%dS!\n", timeout);
       frame->eos = 0;
