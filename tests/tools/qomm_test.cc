@@ -1,0 +1,266 @@
+// End-to-end runs of the built qomm program: command line, files, RTSP
+// against "qomm serve", credentials, and the demo.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "test_rtsp_server.h"
+
+namespace {
+
+const std::string kData = QO_TEST_SOURCE_DIR "/data/";
+const char* const kCodecs[] = {"h264", "h265", "mjpeg"};
+
+std::string Temp(const std::string& name) {
+  static const std::string dir = [] {
+    std::string t = QO_TEST_BINARY_DIR "/tests/tools/qomm-XXXXXX";
+    return std::string(mkdtemp(&t[0]) != nullptr ? t : "/tmp");
+  }();
+  return dir + "/" + name;
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+struct Output {
+  int status;
+  std::string out, err;
+};
+
+// Runs a shell command line, its output in files.
+Output Shell(const std::string& cmd) {
+  const int raw = std::system((cmd + " </dev/null >" + Temp("out") + " 2>" + Temp("err")).c_str());
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, Slurp(Temp("out")), Slurp(Temp("err"))};
+}
+Output Qomm(const std::vector<std::string>& args) {
+  std::string cmd = QO_QOMM_PATH;
+  for (const std::string& a : args) cmd += " '" + a + "'";
+  return Shell(cmd);
+}
+
+// The rest of the summary line "  <field>: ...", and the number it starts with.
+std::string Line(const std::string& text, const std::string& field) {
+  std::smatch m;
+  return std::regex_search(text, m, std::regex("  " + field + ": *([^\r\n]*)")) ? m[1].str() : "";
+}
+long Field(const std::string& text, const std::string& field) {
+  return std::atol(Line(text, field).c_str());
+}
+
+// A snapshot of the samples' test pattern: decoded, its upper rows cross
+// saturated red and blue bars.
+void ExpectBars(const std::string& png) {
+  ASSERT_EQ(Shell("gst-launch-1.0 -q filesrc location=" + png +
+                  " ! pngdec ! videoconvert ! video/x-raw,format=RGB,width=320,height=240 ! "
+                  "filesink location=" +
+                  png + ".rgb")
+                .status,
+            0);
+  const std::string px = Slurp(png + ".rgb");
+  ASSERT_EQ(px.size(), 320u * 240 * 3);
+  bool red = false, blue = false;
+  for (size_t i = 40 * 320 * 3; i < 41 * 320 * 3; i += 3) {
+    const auto* p = reinterpret_cast<const unsigned char*>(&px[i]);
+    red |= p[0] > 150 && p[1] < 60 && p[2] < 60;
+    blue |= p[2] > 150 && p[0] < 60 && p[1] < 60;
+  }
+  EXPECT_TRUE(red && blue) << png;
+}
+
+TEST(Qomm, CommandLine) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"bogus"},
+                                             {"play"},
+                                             {"play", kData + "sample.h264", "--frames", "x"},
+                                             {"serve", "a.h264", "--port", "70000"}}) {
+    auto r = Qomm(args);
+    EXPECT_EQ(r.status, 2) << args[0];
+    EXPECT_TRUE(std::regex_match(r.err, std::regex("qomm: [^\n]*\n[^\n]*--help[^\n]*\n"))) << r.err;
+  }
+  EXPECT_EQ(Qomm({"serve", "--help"}).out.rfind("usage: qomm", 0), 0u);
+  auto r = Qomm({"list"});
+  for (const char* name :
+       {"qo.mm.file.in.create", "qo.mm.video.in.stream.type", "qo::FileInput", "qo::VideoInput"}) {
+    EXPECT_NE(r.out.find(std::string("  ") + name + "\n"), std::string::npos) << name;
+  }
+  // probe reads the first bytes, never the name.
+  std::ofstream(Temp("clip"), std::ios::binary) << std::ifstream(kData + "sample.h265").rdbuf();
+  EXPECT_EQ(Qomm({"probe", Temp("clip")}).out, "h265\n");
+  r = Qomm({"probe", "file://" QO_TEST_SOURCE_DIR "/CMakeLists.txt"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "unknown\n");
+}
+
+TEST(Qomm, UnusableSourcesFailInOneLine) {
+  const std::string missing = Temp("missing.h264"), refused = "rtsp://127.0.0.1:1/cam";
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"play", missing}, "cannot open " + missing + ": No such file or directory"},
+      {{"play", refused, "--tcp", "--type", "h264"},
+       "cannot open " + refused + ": connection refused"},
+      {{"probe", refused}, "cannot detect the stream type of " + refused + ": connection refused"},
+      {{"play", QO_TEST_SOURCE_DIR "/CMakeLists.txt"},
+       "cannot tell the stream type of " QO_TEST_SOURCE_DIR "/CMakeLists.txt: give it with --type"},
+      {{"--lib", missing, "list"},
+       "cannot load the media-input library (" + missing +
+           ": cannot open shared object file: No such file or directory)"},
+  };
+  for (const auto& c : cases) {
+    auto r = Qomm(c.first);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "qomm: " + c.second + "\n");
+  }
+}
+
+TEST(Qomm, PlaysFiles) {
+  for (const std::string codec : kCodecs) {
+    const std::string png = Temp(codec + ".png");
+    // --frames keeps the run going past the snapshot, to the end.
+    auto r = Qomm({"play", kData + "sample." + codec, "--framerate", "0", "--snapshot", png,
+                   "--frames", "1000"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(Field(r.out, "frames"), 90) << r.out;
+    EXPECT_GT(Field(r.out, "bytes"), 0);
+    EXPECT_EQ(Line(r.out, "picture"), codec + " 320x240, encoded");
+    EXPECT_EQ(Line(r.out, "end"), "end of stream");
+    EXPECT_EQ(Line(r.out, "snapshot"), png + " (320x240)");
+    EXPECT_NE(r.out.find("(file input, " + codec + ")"), std::string::npos);
+    ExpectBars(png);
+  }
+  // Without --frames the snapshot ends the run.
+  auto r = Qomm({"play", kData + "sample.h264", "--snapshot", Temp("first.png"), "--timeout", "1"});
+  EXPECT_EQ(Line(r.out, "end"), "snapshot taken");
+
+  // One JSON line per task, end of stream last; the summary moves to
+  // standard error.
+  r = Qomm({"play", kData + "sample.h264", "--framerate", "0", "--json"});
+  const std::regex frame(R"(\{"index": *\d+,.*"status": *0,.*"codec": *"h264",.*"width": *320,)"
+                         R"(.*"pts": *\d+,.*"ntp_age_ms": *null.*\})");
+  std::istringstream json(r.out);
+  int lines = 0;
+  for (std::string s; std::getline(json, s) && ++lines <= 90;) {
+    EXPECT_TRUE(std::regex_match(s, frame)) << s;
+  }
+  EXPECT_EQ(lines, 91);
+  EXPECT_TRUE(std::regex_search(r.out, std::regex(R"(\n\{.*"status": *1,.*"pts": *null.*\}\n$)")));
+  EXPECT_EQ(Field(r.err, "frames"), 90);
+
+  r = Qomm(
+      {"play", kData + "sample.mjpeg", "--framerate", "0", "--frames", "10", "--timeout", "1"});
+  EXPECT_EQ(Field(r.out, "frames"), 10);
+  EXPECT_EQ(Line(r.out, "end"), "stopped after 10 frames");
+
+  // Blank lines are skipped; entries 1 and 2, twice, pulled in sync mode.
+  std::ofstream(Temp("clips.txt")) << kData << "sample.h264\n\n"
+                                   << kData << "sample.h264\n"
+                                   << kData << "sample.h264\n";
+  r = Qomm({"play", "--list", Temp("clips.txt"), "--start-index", "1", "--loop", "2", "--framerate",
+            "0", "--sync"});
+  EXPECT_EQ(Field(r.out, "frames"), 4 * 90) << r.err;
+  EXPECT_NE(r.out.find(", sync)"), std::string::npos);
+
+  // 15 frame intervals at 30 per second take half a second.
+  r = Qomm(
+      {"play", kData + "sample.h264", "--framerate", "30", "--frames", "16", "--timeout", "1"});
+  EXPECT_TRUE(std::regex_search(r.out, std::regex("over (0\\.[4-9]|[1-9])[0-9.]* s"))) << r.out;
+}
+
+TEST(Qomm, RtspAgainstServe) {
+  // exec: the shell's pid is qomm's, for Ctrl-C.
+  const std::string cmd = "exec " QO_QOMM_PATH " serve --port 0 " + kData + "sample.h264 " + kData +
+                          "sample.h265 " + kData + "sample.mjpeg >" + Temp("urls") + " 2>/dev/null";
+  const char* argv[] = {"/bin/sh", "-c", cmd.c_str(), nullptr};
+  pid_t serve = -1;
+  ASSERT_EQ(posix_spawn(&serve, "/bin/sh", nullptr, nullptr, const_cast<char**>(argv), environ), 0);
+  struct Reap {  // on an early return
+    pid_t& pid;
+    ~Reap() { pid > 0 && kill(pid, SIGKILL) == 0 && waitpid(pid, nullptr, 0); }
+  } reap{serve};
+  std::vector<std::string> urls;
+  for (int i = 0; i < 300 && urls.size() < 3; ++i, usleep(100000)) {
+    std::istringstream lines(Slurp(Temp("urls")));
+    urls.clear();
+    for (std::string url, rest; lines >> url && std::getline(lines, rest);) urls.push_back(url);
+  }
+  ASSERT_EQ(urls.size(), 3u);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(Qomm({"probe", urls[i]}).out, kCodecs[i] + std::string("\n"));
+  const std::string missing = urls[0] + "-missing";
+  auto r = Qomm({"probe", missing});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "qomm: cannot detect the stream type of " + missing +
+                       ": the server answered 404 Not Found\n");
+  r = Qomm({"play", missing, "--type", "h264"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "qomm: cannot open " + missing + ": the server answered 404 Not Found\n");
+
+  // A second and a half: the sender's first reports turn the time stamps
+  // into wall-clock times, and sender and receiver share this clock.
+  r = Qomm({"play", urls[0], "--frames", "45", "--json"});
+  std::istringstream json(r.out);
+  int lines = 0, aged = 0;
+  for (std::string s; std::getline(json, s); ++lines) {
+    std::smatch m;
+    if (!std::regex_search(s, m, std::regex(R"("codec": *"h264",.*"ntp_age_ms": *(-?[0-9.]+))")))
+      continue;
+    ++aged;
+    EXPECT_GT(std::stod(m[1]), -1000);
+    EXPECT_LT(std::stod(m[1]), 5000);
+  }
+  EXPECT_EQ(lines, 45);
+  EXPECT_GT(aged, 0);
+
+  r = Qomm({"play", urls[2], "--tcp", "--snapshot", Temp("camera.png")});
+  EXPECT_NE(r.out.find("(video input, mjpeg)"), std::string::npos) << r.out << r.err;
+  ExpectBars(Temp("camera.png"));
+
+  // On a terminal a live progress line; Ctrl-C ends with the summary.
+  r = Shell("script -qec \"timeout --foreground --preserve-status -s INT 2 " QO_QOMM_PATH " play " +
+            urls[1] + " --sync --type h265\" /dev/null");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_TRUE(std::regex_search(r.out, std::regex("\r\x1b\\[K[1-9][0-9]* frames  [0-9.]+ fps")));
+  EXPECT_GT(Field(r.out, "frames"), 10) << r.out;
+  EXPECT_EQ(Line(r.out, "picture"), "h265 320x240, encoded");
+  EXPECT_EQ(Line(r.out, "end"), "interrupted");
+  int status = -1;
+  kill(serve, SIGINT) == 0 && waitpid(serve, &status, 0);
+  serve = -1;
+  EXPECT_EQ(status, 0);
+}
+
+TEST(Qomm, CredentialsAreExplained) {
+  qo::test::TestRtspServer server({{"cam=h264,size=320x240,fps=30"}, "viewer", "secret"});
+  ASSERT_TRUE(server.Start()) << server.error();
+  auto r = Qomm({"probe", server.Url("cam")});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "qomm: cannot detect the stream type of " + server.Url("cam") +
+                       ": the server answered 401 Unauthorized (the stream needs a user name "
+                       "and password)\n");
+  r = Qomm({"play", server.UrlWithCredentials("cam", "viewer", "guess"), "--type", "h264"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_TRUE(std::regex_match(
+      r.err, std::regex("qomm: [^\n]*401 Unauthorized \\(check the user name and password\\)\n")));
+  r = Qomm({"play", server.UrlWithCredentials("cam", "viewer", "secret"), "--frames", "5"});
+  EXPECT_EQ(Field(r.out, "frames"), 5) << r.err;
+}
+
+TEST(Qomm, DemoPlaysTheSampleBothWays) {
+  auto r = Qomm({});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(std::regex_search(
+      r.out, std::regex(R"(\(file input, h264\)[\s\S]*  frames: *90,)"
+                        R"([\s\S]*\(video input, h264\)[\s\S]*  frames: *[1-9])")))
+      << r.out;
+}
+
+}  // namespace
