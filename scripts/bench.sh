@@ -115,6 +115,6 @@ minutes=$((($(date +%s) - started + 59) / 60))
     echo "![$a](plots/$a.png)"
     echo
   done
-  [ -f bench/notes.md ] && cat bench/notes.md
+  cat bench/method.md bench/notes.md
 } >bench/results.md
 echo "bench: wrote bench/results.md and bench/plots/" >&2
