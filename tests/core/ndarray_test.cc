@@ -12,29 +12,24 @@ namespace {
 
 std::atomic<int> g_deleter_runs{0};
 
-struct Frame {
-  uint8_t bytes[6] = {1, 2, 3, 4, 5, 6};
-};
-
 qo::NDArray MakeFrame() {
-  Frame* f = new Frame();
+  auto* bytes = new uint8_t[6]{1, 2, 3, 4, 5, 6};
   return qo::NDArray::UserEmpty(
       {2, 3}, DLDataType{kDLInt, 8, 1}, DLContext{kDLCPU, 0}, qo::ExtInfo(),
       [](qo::NDArray::Container* c) {
         g_deleter_runs.fetch_add(1);
-        delete static_cast<Frame*>(c->manager_ctx);
+        delete[] static_cast<uint8_t*>(c->manager_ctx);
         delete c;
       },
-      f, f->bytes);
+      bytes, bytes);
 }
 
 TEST(NDArrayTest, DeleterRunsOnceWhenSharedAcrossThreads) {
   g_deleter_runs = 0;
-  constexpr int kRounds = 200, kThreads = 6;
-  for (int round = 0; round < kRounds; ++round) {
+  for (int round = 0; round < 200; ++round) {
     qo::NDArray frame = MakeFrame();
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 6; ++t) {
       threads.emplace_back([copy = frame]() mutable {
         qo::NDArray more = copy;
         copy = qo::NDArray();
@@ -45,6 +40,13 @@ TEST(NDArrayTest, DeleterRunsOnceWhenSharedAcrossThreads) {
     for (std::thread& th : threads) th.join();
     ASSERT_EQ(g_deleter_runs.load(), round + 1);
   }
+}
+
+qo::NDArray Serialise(qo::NDArray data, std::vector<uint8_t> extra) {
+  auto* task = new qo::MediaTask();
+  task->data = std::move(data);
+  task->extra = std::move(extra);
+  return qo::TaskSerializeCustom<qo::MediaTask>(task);
 }
 
 TEST(NDArrayTest, MediaTaskSerialisesHeaderAndCutsExtra) {
@@ -61,27 +63,18 @@ TEST(NDArrayTest, MediaTaskSerialisesHeaderAndCutsExtra) {
   EXPECT_EQ(out.use_count(), 2);  // the task's own reference is gone
   const uint8_t header[20] = {0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3,
                               2,    1,    0,    0,    0, 0, 1, 0, 0, 0};
-  const uint8_t* bear = static_cast<const uint8_t*>(out.GetBearData());
+  const auto* bear = static_cast<const uint8_t*>(out.GetBearData());
   EXPECT_EQ(std::memcmp(bear, header, 20), 0);
   ASSERT_EQ(out.GetBearDataSize(), out.GetBearDataCap());  // extra cut to the room
   EXPECT_EQ(bear[out.GetBearDataCap() - 1], 0xab);
   EXPECT_EQ(out.Shape(), (std::vector<int64_t>{2, 3}));  // an empty shape keeps it
-
-  task = new qo::MediaTask();
-  task->data = frame;
-  task->extra = {9, 8, 7};
-  EXPECT_EQ(qo::TaskSerializeCustom<qo::MediaTask>(task).GetBearDataSize(), 23u);
-
-  // A side buffer of exactly 20 bytes keeps only the header; a smaller one
-  // is left alone.
+  EXPECT_EQ(Serialise(frame, {9, 8, 7}).GetBearDataSize(), 23u);
+  // A side buffer of exactly 20 bytes keeps only the header; a smaller one is left alone.
   for (size_t cap : {20u, 10u}) {
     auto* c = new qo::NDArray::Container();
     c->bear_data = QOMemAlloc(cap, 64);
     c->bear_cap = cap;
-    task = new qo::MediaTask();
-    task->data = qo::NDArray(c);
-    task->extra = {1, 2, 3};
-    EXPECT_EQ(qo::TaskSerializeCustom<qo::MediaTask>(task).GetBearDataSize(), cap == 20 ? 20u : 0u);
+    EXPECT_EQ(Serialise(qo::NDArray(c), {1, 2, 3}).GetBearDataSize(), cap == 20 ? 20u : 0u);
   }
   out.reset();
   frame.reset();
