@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "node/qo_video_in_node.h"
 #include "test_common.h"
 #include "test_host.h"
 
@@ -22,9 +23,7 @@ using Tasks = std::vector<ReceivedTask>;
 using Shape = std::vector<int64_t>;
 
 inline size_t CountFlag(const Tasks& tasks, int32_t flag) {
-  size_t n = 0;
-  for (const ReceivedTask& t : tasks) n += t.flag == flag ? 1 : 0;
-  return n;
+  return TaskCollector::Count(tasks, flag);
 }
 
 // The frame bytes of an array (of a task whose array the collector kept).
@@ -32,19 +31,20 @@ inline std::vector<uint8_t> Bytes(const NDArray& a) {
   const auto* p = static_cast<const uint8_t*>(a.GetTensorData());
   return p == nullptr ? std::vector<uint8_t>() : std::vector<uint8_t>(p, p + a.GetTensorDataSize());
 }
-inline std::vector<uint8_t> Bytes(const ReceivedTask& t) { return Bytes(t.data); }
 
-// The wall-clock time (CLOCK_REALTIME, ns) at which a task arrived.
-inline int64_t WallNs(const ReceivedTask& t) {
-  return testutil::RealtimeNs() - std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                      std::chrono::steady_clock::now() - t.arrival)
-                                      .count();
-}
-
-// The fields of an ExtInfo before its time stamp.
-inline std::vector<int32_t> ExtFields(const ExtInfo& e) {
+// Format, kind, zeros and picture size of an array's ExtInfo.
+inline std::vector<int32_t> ExtFields(const NDArray& a) {
+  const ExtInfo& e = *a.GetExtInfo();
   return {e.format, e.kind, e.zero0, e.zero1, e.width, e.height, e.zero2};
 }
+
+// The video input node as a class, for what no global function reaches.
+class VideoInputProbe : public mm::VideoInput {
+ public:
+  using mm::VideoInput::WrapFrame;
+  int32_t mode() const { return mode_; }
+  uint8_t gain() const { return gain_; }
+};
 
 }  // namespace nodetest
 }  // namespace qo

@@ -13,78 +13,38 @@
 #include <vector>
 
 #include "core/qo_c_runtime_api.h"
+#include "node_test_util.h"
 #include "test_media.h"
-#include "video_in_node.h"
 
 namespace qo {
 namespace nodetest {
 namespace {
 
-TEST(VideoInputApi, NullHandlesAndFatalStarts) {
-  const std::pair<std::string, int> verbs[] = {{"destroy", 3},      {"close", 3},
-                                               {"open", 4},         {"update.para", 4},
-                                               {"set.attr.int", 4}, {"set.attr.string", 4}};
-  for (const auto& [verb, severity] : verbs) {
-    for (int level : {severity, severity + 1}) {
-      LogCapture log(level);
-      const std::string name = "qo.mm.video.in." + verb;
-      QORetValue rv = verb == "set.attr.int" ? testhost::Func(name)(nullptr, "width", 5)
-                      : verb == "set.attr.string"
-                          ? testhost::Func(name)(nullptr, "uri", "file:///x")
-                          : testhost::Func(name)(nullptr);
-      EXPECT_EQ(rv.type_code(), kNull);
-      const size_t shown = level == severity ? 1 : 0;
-      EXPECT_EQ(log.Count("fml_video_in.cc:"), shown) << verb;
-      EXPECT_EQ(log.Count(": VideoInput is NULL !!!\n"), shown) << verb;
-    }
-  }
-  // Arguments are converted before the handle is looked at.
-  EXPECT_NE(ErrorText([] { testhost::Func("qo.mm.video.in.set.attr.int")(nullptr, "width", "x"); }),
-            "");
-
-  VideoInNode g;
+TEST(VideoInputApi, NullHandlesFatalStartsModeGainAndFrameArrays) {
   LogCapture log(0);
-  EXPECT_NE(ErrorText([&] { g.Open(); }).find("uri is NULL !!!\nStack trace:\n"),
-            std::string::npos);
-  for (const char* uri : {"http://127.0.0.1/stream", "file:///tmp/qo-video-in-no-such-file"}) {
-    g.SetString("uri", uri);
-    const std::string text = ErrorText([&] { g.Open(); });
-    EXPECT_EQ(text.rfind("[", 0), 0u) << text;
-    EXPECT_NE(text.find("fml_video_in.cc:"), std::string::npos) << text;
-    EXPECT_NE(text.find(": Stream Open failed !!!\nStack trace:\n"), std::string::npos) << text;
+  testhost::Func("qo.mm.video.in.open")(nullptr);
+  EXPECT_EQ(log.Count(": VideoInput is NULL !!!\n"), 1u);
+  {
+    HostNode g("qo.mm.video.in");
+    EXPECT_NE(ErrorText([&] { g.Open(); }).find("uri is NULL !!!\nStack trace:\n"),
+              std::string::npos);
+    g.SetString("uri", "file:///tmp/qo-video-in-no-such-file");
+    EXPECT_NE(ErrorText([&] { g.Open(); }).find(": Stream Open failed !!!\nStack trace:\n"),
+              std::string::npos);
   }
-  g.Close();
-  EXPECT_EQ(log.Count(": stream obj is NULL !!!\n"), 1u);
-  EXPECT_NE(ErrorText([&] { g.SetInt("width", 4097); }).find("width:4097 exceeds range [0, 4096]"),
-            std::string::npos);
-  EXPECT_NE(ErrorText([&] { g.SetInt("framerate", 30); }).find("key framerate not exist!"),
-            std::string::npos);
   // "stream.type" gives -1 for what it cannot probe, as a 64-bit integer.
   QORetValue rv = testhost::Func("qo.mm.video.in.stream.type")("file:///tmp/x.h264");
   ASSERT_EQ(rv.type_code(), kDLInt);
   EXPECT_EQ(rv.AsInt64(), -1);
   EXPECT_EQ(log.Count(": get stream type failed !!!\n"), 1u);
-}
-
-TEST(VideoInputApi, ModeGainAndFrameArraysWithoutAStream) {
-  LogCapture log(0);
   {
     VideoInputProbe node;
-    NDArray frame;
-    EXPECT_EQ(node.GetFrame(frame, 1), -1);
-    node.Stop();
-    node.Proc(nullptr, 0, kPOutTask);
     EXPECT_EQ(node.gain(), 32);
     node.SetMode(7);
     EXPECT_EQ(node.mode(), 3);
-    node.SetMode(2);
-    EXPECT_EQ(node.mode(), 2);
     node.SetGain(100);
     EXPECT_EQ(node.gain(), 63);
-    EXPECT_EQ(log.Count(": stream obj is NULL !!!\n"), 5u);
   }
-  EXPECT_EQ(log.Count(": video input operator does not need rx queue  !!!\n\n"), 1u);
-  EXPECT_EQ(log.Count("class VideoInput instance destoryed !!!\n\n"), 1u);
 
   const struct {
     int32_t format, width, height, size;
@@ -93,14 +53,9 @@ TEST(VideoInputApi, ModeGainAndFrameArraysWithoutAStream) {
   } cases[] = {
       {QO_PIX_FMT_NV12, 1920, 1080, 1920 * 1620, {1620, 1920}, 2},
       {QO_PIX_FMT_NV21, 6, 5, 42, {7, 6}, 2},  // 5 * 3 / 2 rows, truncated
-      {QO_PIX_FMT_YUV422_YUYV, 1920, 1080, 1920 * 2160, {2160, 1920}, 2},
       {QO_PIX_FMT_YUV422_UYVY, 8, 4, 64, {8, 8}, 2},
-      {QO_PIX_FMT_NV16, 8, 4, 64, {8, 8}, 2},
       {QO_PIX_FMT_H264, 320, 240, 5000, {5000}, 3},
-      {QO_PIX_FMT_MJPEG, 320, 240, 900, {900}, 3},
       {QO_PIX_FMT_NV12, 64, 64, 100, {100}, 2},  // picture larger than its buffer
-      {QO_PIX_FMT_JPEG, 16, 16, 64, {}, 0},
-      {QO_PIX_FMT_YUV420P, 16, 16, 384, {}, 0},
       {QO_PIX_FMT_GRAY8, 16, 16, 256, {}, 0},
   };
   for (const auto& c : cases) {
@@ -108,23 +63,19 @@ TEST(VideoInputApi, ModeGainAndFrameArraysWithoutAStream) {
     auto* rec =
         new qo_StreamInfo{0x1122334455667788ULL, nullptr, c.format, c.size, c.width, c.height, 0};
     rec->data = static_cast<uint8_t*>(QOMemAlloc(static_cast<size_t>(c.size), 64));
-    if (c.kind == 0) {
+    if (c.kind == 0) {  // released before the fatal message
       EXPECT_NE(ErrorText([&] {
                   VideoInputProbe::WrapFrame(rec);
                 }).find("unsupported yuv format:" + std::to_string(c.format) + "!!!\n"),
                 std::string::npos);
-      continue;  // released before the fatal message
+      continue;
     }
     // The frame goes back to the stream layer with the last reference (the
     // leak checker holds the deleter to that).
     NDArray a = VideoInputProbe::WrapFrame(rec);
     EXPECT_EQ(a.Shape(), c.shape);
     EXPECT_EQ(a.GetTensorData(), rec->data);
-    EXPECT_EQ(a.get()->manager_ctx, rec);
-    EXPECT_EQ(a.get()->dtype.bits, 8);
-    EXPECT_EQ(a.get()->ctx.device_type, kDLCPU);
-    EXPECT_EQ(ExtFields(*a.GetExtInfo()),
-              std::vector<int32_t>({c.format, c.kind, 0, 0, c.width, c.height, 0}));
+    EXPECT_EQ(ExtFields(a), std::vector<int32_t>({c.format, c.kind, 0, 0, c.width, c.height, 0}));
     EXPECT_EQ(a.GetExtInfo()->time_stamp, 0x1122334455667788ULL);
   }
 }
@@ -134,49 +85,43 @@ std::string H264File(int width, int height, int frames) {
   p.width = width;
   p.height = height;
   p.frames = frames;
+  if (frames == 30) p.b_frames = 2, p.slices = 4;  // the file decoder test's stream
   return testmedia::GenerateStream(p);
 }
 
 // After each sent frame of a file the thread sleeps 1000 / "framerate" ms;
-// 0 means no pacing. The stream ends with one status-1 task.
+// 0 means no pacing. Every access unit as the parser sees it, with its
+// decoding time, then one status-1 task.
 TEST(VideoInputFile, PacedAtTheFrameRateThenTheEnd) {
-  const std::string path = H264File(160, 120, 30);
+  const std::string path = H264File(320, 240, 30);
   const auto ref = testmedia::ReferenceAccessUnits(path, testmedia::Codec::kH264);
   ASSERT_EQ(ref.size(), 30u);
   for (double framerate : {30.0, 0.0}) {
     SCOPED_TRACE(framerate);
     TaskCollector port(16, /*keep_arrays=*/true);
-    VideoInNode g;
+    HostNode g("qo.mm.video.in");
     g.SetString("uri", "file://" + path);
     g.SetInt("stream-id", 3);
     g.SetDouble("framerate", framerate);
-    g.node()->SetTxQue(port.queue(), 1);
+    g.thread()->SetTxQue(port.queue(), 1);
     g.Open();
     ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return !t.empty(); }, 10000));
     const int64_t t0 = testutil::MonotonicNs();
     ASSERT_TRUE(port.WaitForFlag(1, 15000));
     const double seconds = (testutil::MonotonicNs() - t0) / 1e9;
-    if (framerate > 0) {
-      EXPECT_GE(seconds, 29 * 0.033);  // 33 ms after each frame but the last
-      EXPECT_LE(seconds, 6.0);
-    } else {
-      EXPECT_LT(seconds, 1.0);
-    }
+    EXPECT_GE(seconds, framerate > 0 ? 29 * 0.033 : 0);  // 33 ms after each frame but the last
+    EXPECT_LE(seconds, framerate > 0 ? 6.0 : 1.0);
     const Tasks tasks = port.Tasks();
     ASSERT_EQ(tasks.size(), ref.size() + 1);
     for (size_t i = 0; i < ref.size(); ++i) {
       SCOPED_TRACE(i);
-      EXPECT_EQ(std::vector<int32_t>(
-                    {tasks[i].flag, tasks[i].source_id, tasks[i].ext.width, tasks[i].ext.height}),
-                std::vector<int32_t>({0, 3, 160, 120}));
-      EXPECT_EQ(Bytes(tasks[i]), ref[i].data);
-      EXPECT_EQ(tasks[i].shape, Shape{static_cast<int64_t>(ref[i].data.size())});
-      // A file frame carries its decoding time, else its presentation time.
-      EXPECT_EQ(static_cast<uint64_t>(tasks[i].time_stamp),
-                ref[i].dts != UINT64_MAX ? ref[i].dts : ref[i].pts);
+      EXPECT_EQ(std::vector<int64_t>({tasks[i].flag, tasks[i].source_id, tasks[i].time_stamp}),
+                std::vector<int64_t>({0, 3, static_cast<int64_t>(ref[i].dts)}));
+      EXPECT_EQ(Bytes(tasks[i].data), ref[i].data);
+      EXPECT_EQ(ExtFields(tasks[i].data), std::vector<int32_t>({31, 3, 0, 0, 320, 240, 0}));
     }
     EXPECT_EQ(tasks.back().flag, 1);
-    EXPECT_EQ(tasks.back().shape, Shape{0});
+    EXPECT_EQ(tasks.back().data.Shape(), Shape{0});
     const int64_t c0 = testutil::MonotonicNs();
     g.Close();
     EXPECT_LT(testutil::MonotonicNs() - c0, 1000e6) << "the end was already seen";
@@ -196,12 +141,12 @@ TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
     unlink(paths[i].assign(buf).c_str());
   }
   TaskCollector port(64, /*keep_arrays=*/true);
-  VideoInNode g;
+  HostNode g("qo.mm.video.in");
   g.SetString("uri", "file://" + H264File(64, 48, 300));
   g.SetInt("stream-id", static_cast<int>(id));
   g.SetInt("save_stream", 1);
   g.SetDouble("framerate", 0.0);
-  g.node()->SetTxQue(port.queue(), 0);
+  g.thread()->SetTxQue(port.queue(), 0);
   g.Open();
   ASSERT_TRUE(port.WaitForFlag(1, 60000));
   g.Close();
@@ -209,20 +154,20 @@ TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
   ASSERT_EQ(tasks.size(), 301u);
   std::vector<uint8_t> expected[2];
   for (size_t i = 0; i < 300; ++i) {
-    const std::vector<uint8_t> bytes = Bytes(tasks[i]);
+    const std::vector<uint8_t> bytes = Bytes(tasks[i].data);
     expected[i < 251 ? 0 : 1].insert(expected[i < 251 ? 0 : 1].end(), bytes.begin(), bytes.end());
   }
-  EXPECT_TRUE(testmedia::ReadFile(paths[0]) == expected[0]);
-  EXPECT_TRUE(testmedia::ReadFile(paths[1]) == expected[1]);
-
-  g.Open();
-  ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return t.size() == 302; }, 60000));
-  g.Close();
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(port.Tasks().size(), 302u);
-  EXPECT_EQ(port.Tasks().back().flag, 1);
-  EXPECT_TRUE(testmedia::ReadFile(paths[0]) == expected[0]);
-  EXPECT_TRUE(testmedia::ReadFile(paths[1]) == expected[1]);
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_TRUE(testmedia::ReadFile(paths[0]) == expected[0]);
+    EXPECT_TRUE(testmedia::ReadFile(paths[1]) == expected[1]);
+    if (pass == 1) break;
+    g.Open();
+    ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return t.size() == 302; }, 60000));
+    g.Close();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(port.Tasks().size(), 302u);
+    EXPECT_EQ(port.Tasks().back().flag, 1);
+  }
   for (const std::string& p : paths) unlink(p.c_str());
 }
 

@@ -1,12 +1,9 @@
 #include "test_common.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -17,8 +14,7 @@ namespace testutil {
 
 LogCapture::LogCapture(int level) : saved_level_(g_log_level) {
   g_log_level = level;
-  // The sink runs under the log mutex, which also guards lines_.
-  SetLogSink([this](const std::string& line) { lines_.push_back(line); });
+  SetLogSink([this](const std::string& line) { lines_.push_back(line); });  // under the log mutex
 }
 
 LogCapture::~LogCapture() {
@@ -33,7 +29,7 @@ std::vector<std::string> LogCapture::Lines() const {
 
 size_t LogCapture::Count(const std::string& needle) const {
   size_t n = 0;
-  for (const std::string& line : Lines()) n += line.find(needle) != std::string::npos ? 1 : 0;
+  for (const std::string& line : Lines()) n += line.find(needle) != std::string::npos;
   return n;
 }
 
@@ -44,8 +40,7 @@ bool LogCapture::WaitFor(const std::string& needle, int timeout_ms) const {
 StdoutCapture::StdoutCapture() {
   fflush(stdout);
   char path[] = "/tmp/qo-test-stdout-XXXXXX";
-  file_fd_ = mkstemp(path);
-  if (file_fd_ < 0) return;
+  if ((file_fd_ = mkstemp(path)) < 0) return;
   unlink(path);
   saved_fd_ = dup(STDOUT_FILENO);
   dup2(file_fd_, STDOUT_FILENO);
@@ -56,10 +51,8 @@ std::string StdoutCapture::Text() const {
   fflush(stdout);
   std::string text;
   char buf[4096];
-  ssize_t n;
-  while ((n = pread(file_fd_, buf, sizeof(buf), static_cast<off_t>(text.size()))) > 0) {
+  for (ssize_t n; (n = pread(file_fd_, buf, sizeof(buf), static_cast<off_t>(text.size()))) > 0;)
     text.append(buf, static_cast<size_t>(n));
-  }
   return text;
 }
 
@@ -96,24 +89,12 @@ bool WaitUntil(const std::function<bool()>& pred, int timeout_ms) {
 
 int ThreadCount(const std::string& name) {
   int count = 0;
-  DIR* dir = opendir("/proc/self/task");
-  while (struct dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
-    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::string line;
-    if (e->d_name[0] != '.' && std::getline(comm, line) && line == name) count++;
+    count += std::getline(std::ifstream(task.path() / "comm"), line) && line == name;
   }
-  if (dir != nullptr) closedir(dir);
   return count;
 }
-
-static int64_t ClockNs(clockid_t clock) {
-  timespec ts;
-  clock_gettime(clock, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-int64_t MonotonicNs() { return ClockNs(CLOCK_MONOTONIC); }
-int64_t RealtimeNs() { return ClockNs(CLOCK_REALTIME); }
 
 std::string ScratchDir() {
   const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();

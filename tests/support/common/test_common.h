@@ -4,6 +4,7 @@
 #ifndef QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 #define QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -25,17 +26,14 @@ std::string ErrorText(F&& f) {
   return "";
 }
 
-// Log lines through the core's sink at the given level; the sink and level
-// are restored on destruction.
+// Log lines through the core's sink at the given level; both are restored
+// on destruction.
 class LogCapture {
  public:
   explicit LogCapture(int level);
   ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
   std::vector<std::string> Lines() const;
-  // Lines containing needle.
-  size_t Count(const std::string& needle) const;
+  size_t Count(const std::string& needle) const;  // lines containing needle
   bool WaitFor(const std::string& needle, int timeout_ms) const;
 
  private:
@@ -44,32 +42,27 @@ class LogCapture {
 };
 
 // File descriptor 1 of every thread goes to a temporary file while this
-// lives (the hal layers report there); the text is echoed when it ends.
+// lives (the hal layers print there); the text is echoed at the end.
 class StdoutCapture {
  public:
   StdoutCapture();
   ~StdoutCapture() { Finish(); }
-  StdoutCapture(const StdoutCapture&) = delete;
-  StdoutCapture& operator=(const StdoutCapture&) = delete;
   std::string Text() const;
   bool Has(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
   bool WaitFor(const std::string& needle, int timeout_ms) const;
   std::string Finish();
 
  private:
-  int saved_fd_ = -1;
-  int file_fd_ = -1;
+  int saved_fd_ = -1, file_fd_ = -1;
   std::string text_;
 };
 
-// Occurrences of needle in text.
 size_t CountOf(const std::string& text, const std::string& needle);
 // Polls pred every few milliseconds; false when it still fails at the end.
 bool WaitUntil(const std::function<bool()>& pred, int timeout_ms);
-// Threads of this process with this name.
-int ThreadCount(const std::string& name);
-int64_t MonotonicNs();
-int64_t RealtimeNs();
+int ThreadCount(const std::string& name);  // threads of this process with this name
+inline int64_t MonotonicNs() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+inline int64_t RealtimeNs() { return std::chrono::system_clock::now().time_since_epoch().count(); }
 // A fresh directory for the running test, in the build tree.
 std::string ScratchDir();
 // Writes text to path and returns path.
@@ -83,19 +76,6 @@ struct Frame {
   int64_t wall_ns = 0;  // CLOCK_REALTIME when copied
 };
 
-// Copies the frame of a qo_StreamInfo record (of either hal layer).
-template <typename Info>
-Frame CopyFrame(const Info& info) {
-  Frame f;
-  f.data.assign(info.data, info.data + info.size);
-  f.time_stamp = info.time_stamp;
-  f.format = info.format;
-  f.width = info.width;
-  f.height = info.height;
-  f.wall_ns = RealtimeNs();
-  return f;
-}
-
 // Pulls with pull(&info) and releases with release(&info) until a pull
 // brings no frame; returns that pull's end-of-stream flag.
 template <typename Info, typename Pull, typename Release>
@@ -104,7 +84,12 @@ bool DrainFrames(Pull pull, Release release, std::vector<Frame>* frames) {
     Info info{};
     pull(&info);
     if (info.data == nullptr) return info.eos != 0;
-    frames->push_back(CopyFrame(info));
+    frames->push_back(Frame{{info.data, info.data + info.size},
+                            info.time_stamp,
+                            info.format,
+                            info.width,
+                            info.height,
+                            RealtimeNs()});
     release(&info);
   }
 }

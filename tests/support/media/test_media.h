@@ -1,18 +1,12 @@
-// Test streams made at test time from videotestsrc with the system's GStreamer
-// encoders, plus the parser's view of them as ground truth.
+// Test streams encoded at test time with GStreamer's own encoders and cached
+// in the build tree (each file is written under a private name and renamed
+// into place), and the parser's own access units to compare against.
 //
-// Link the static library `qotestmedia`. Files are cached under
-// <build dir>/test-media/ keyed by their parameters, so each distinct stream
-// is encoded once per build tree; concurrent test processes are safe (each
-// writes a private temporary file and renames it into place).
-//
-// Typical use:
-//   qo::testmedia::StreamParams p;            // 320x240, 30 frames, H.264
-//   p.b_frames = 2;
+//   qo::testmedia::StreamParams p;  // 320x240, 30 frames, H.264
 //   std::string path = qo::testmedia::GenerateStream(p);   // "" on failure
 //   auto ref = qo::testmedia::ReferenceAccessUnits(path, p.codec);
 //
-// Every function may be called from any thread; it calls gst_init itself.
+// Any thread may call these; they call gst_init themselves.
 #ifndef QO_TESTS_SUPPORT_MEDIA_TEST_MEDIA_H_
 #define QO_TESTS_SUPPORT_MEDIA_TEST_MEDIA_H_
 
@@ -24,71 +18,33 @@
 namespace qo {
 namespace testmedia {
 
-enum class Codec {
-  kH264,   // Annex B byte stream, x264enc
-  kH265,   // Annex B byte stream, x265enc
-  kMjpeg,  // concatenated baseline JPEG pictures, jpegenc
-};
+enum class Codec { kH264, kH265, kMjpeg };  // Annex B byte streams; concatenated JPEGs
 
 struct StreamParams {
   Codec codec = Codec::kH264;
-  int width = 320;
-  int height = 240;
-  int frames = 30;  // pictures encoded
-  int fps_num = 30;
-  int fps_den = 1;
-  // H.264/H.265: number of consecutive B-frames (0 = none). With B-frames the
-  // parser's DTS and PTS differ.
-  int b_frames = 0;
-  // H.264 only: slices per picture (> 1 gives several VCL NAL units per
-  // access unit).
-  int slices = 1;
-  // H.264/H.265: maximum distance between key frames (0 = encoder default).
-  int key_int = 0;
-  // videotestsrc "pattern" (0 = smpte bars, 18 = ball, ...). A moving
-  // pattern gives frames of varying size.
-  int pattern = 18;
-  // jpegenc "quality" for MJPEG.
-  int jpeg_quality = 85;
-  // H.264/H.265 target bit rate in kbit/s (0 = encoder default). Pair a high
-  // rate with a busy pattern (1 = snow) for frames of realistic size.
-  int bitrate_kbps = 0;
+  int width = 320, height = 240;
+  int frames = 30;       // pictures encoded, at 30 frames/s
+  int b_frames = 0;      // H.264/H.265: consecutive B-frames (DTS and PTS then differ)
+  int slices = 1;        // H.264: slices per picture
+  int key_int = 0;       // H.264/H.265: most pictures between key frames (0: encoder default)
+  int pattern = 18;      // videotestsrc "pattern": 18 moves (frames of varying size), 1 is snow
+  int bitrate_kbps = 0;  // H.264/H.265 (0: encoder default)
 };
 
 // One access unit (or JPEG picture) as the parser outputs it.
 struct AccessUnit {
   std::vector<uint8_t> data;
-  uint64_t pts = UINT64_MAX;  // GST_CLOCK_TIME_NONE when unset
-  uint64_t dts = UINT64_MAX;
-  bool key = false;  // not flagged DELTA_UNIT
+  uint64_t pts = UINT64_MAX, dts = UINT64_MAX;  // GST_CLOCK_TIME_NONE when unset
 };
 
-// GStreamer element and caps strings for a codec, the same ones the file
-// decoder layer uses after its parser: e.g. "h264parse" and
-// "video/x-h264,stream-format=byte-stream,alignment=au".
-const char* ParserName(Codec codec);
-const char* ParserCaps(Codec codec);
-
-// Directory holding the cached files (created on demand).
-std::string MediaDir();
-
-// Encodes the stream (cached) and returns its path, or "" on failure; the
-// reason is printed to stderr.
+// The encoded stream's path, or "" on failure (the reason goes to stderr).
 std::string GenerateStream(const StreamParams& params);
-
-// A file of `size` pseudo-random bytes from `seed` (cached). Not any codec:
-// useful for pass-through and for garbage fed to a parser.
+// A file of `size` pseudo-random bytes from `seed`: garbage for a parser.
 std::string GenerateRawBytes(size_t size, uint32_t seed = 1);
-
-// Runs `filesrc location=path ! <parser> ! <caps> ! appsink` to the end and
-// returns every access unit. Empty on failure (reason on stderr).
+// `filesrc ! <parser> ! <caps> ! appsink` to the end; empty on failure.
 std::vector<AccessUnit> ReferenceAccessUnits(const std::string& path, Codec codec);
-
 // Whole file contents; empty when it cannot be read.
 std::vector<uint8_t> ReadFile(const std::string& path);
-
-// Cuts `bytes` into consecutive chunks of at most `chunk` bytes.
-std::vector<std::vector<uint8_t>> SplitIntoPackets(const std::vector<uint8_t>& bytes, size_t chunk);
 
 }  // namespace testmedia
 }  // namespace qo
