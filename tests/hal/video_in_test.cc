@@ -139,15 +139,8 @@ std::string Camera(const std::string& controls, const std::string& caps) {
 
 TEST(LiveStreamCompose, CameraStringsCarryFormatSizeRateAndControls) {
   const std::string au = ",stream-format=byte-stream,alignment=(string) au";
-  const std::pair<int, std::string> formats[] = {{0, "NV12"},
-                                                 {1, "NV21"},
-                                                 {3, "YUY2"},
-                                                 {4, "UYVY"},
-                                                 {9, "NV16"},
-                                                 {10, "I420"},
-                                                 {31, "h264parse ! video/x-h264" + au},
-                                                 {32, "h265parse ! video/x-h265" + au},
-                                                 {33, "image/jpeg"}};
+  const std::pair<int, std::string> formats[] = {
+      {0, "NV12"}, {3, "YUY2"}, {31, "h264parse ! video/x-h264" + au}, {33, "image/jpeg"}};
   for (const auto& [type, stage] : formats) {
     std::string printed;
     const std::string caps = type < 31 ? "video/x-raw,format=(string)" + stage : stage;
