@@ -1,12 +1,11 @@
-// Task queues, output ports and the node base's port handling.
+// Task queues: back-pressure, time-outs, close, and disposal of what is left.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <thread>
 
-#include "core/qo_media_task.h"
-#include "core/qo_node.h"
+#include "core/qo_task_queue.h"
 
 namespace {
 
@@ -74,49 +73,6 @@ TEST(TaskQueueTest, BackPressureTimeoutsAndClose) {
     EXPECT_EQ(Take(&full), 7);
   }
   EXPECT_EQ(g_freed.load(), 4);  // 4, 8 and 7 taken or disposed, 9 with its queue
-}
-
-// A node whose ports are typed like the source nodes' ports.
-class MediaNode : public qo::Thread {
- public:
-  MediaNode() {
-    for (int i = 0; i < 4; ++i)
-      pout_[i]->SetTypeInfo("qo::MediaTask", qo::TaskSerializeCustom<qo::MediaTask>, nullptr);
-  }
-  void Start() override {}
-  void Stop() override {}
-  void Proc(void*, int, qo::POutType) override {}
-};
-
-qo::MediaTask* NewTask(int flag) {
-  auto* task = new qo::MediaTask();
-  task->data = qo::NDArray::Empty(0, 0);
-  task->flag = flag;
-  return task;
-}
-
-// Tasks that cannot be sent are freed with their frames (the leak checker
-// sees it); a sent task keeps its type after the node is gone.
-TEST(TaskQueueTest, PortsSendOrDisposeAndTasksKeepTheirType) {
-  TaskQueue q(4);
-  TaskQueue::Task got;
-  {
-    MediaNode node;
-    EXPECT_TRUE(node.SetTxQue(&q, 14));
-    EXPECT_FALSE(node.SetTxQue(&q, 15));
-    EXPECT_TRUE(node.SetTxQue(nullptr, 14));
-    for (int i = 0; i < qo::Thread::kMaxPorts; ++i) EXPECT_FALSE(node.GetPOUT(i)->enabled()) << i;
-    EXPECT_FALSE(node.GetPOUT(0)->Send(NewTask(0)));  // no queue
-    node.SetOutput(NewTask(0), 15);                   // no such port
-    ASSERT_TRUE(node.SetTxQue(&q, 1));
-    node.SetOutput(NewTask(5), 1);
-    ASSERT_TRUE(q.Pop(&got, 0));
-    q.Close();
-    EXPECT_FALSE(node.GetPOUT(1)->Send(NewTask(0)));  // closed queue
-  }
-  EXPECT_EQ(got.info->type_name, "qo::MediaTask");
-  qo::NDArray array = got.info->serialise(got.data);
-  EXPECT_EQ(static_cast<const uint8_t*>(array.GetBearData())[16], 5);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -41,7 +42,7 @@ StdoutCapture::StdoutCapture() {
   fflush(stdout);
   char path[] = "/tmp/qo-test-stdout-XXXXXX";
   if ((file_fd_ = mkstemp(path)) < 0) return;
-  unlink(path);
+  path_ = path;
   saved_fd_ = dup(STDOUT_FILENO);
   dup2(file_fd_, STDOUT_FILENO);
 }
@@ -49,11 +50,8 @@ StdoutCapture::StdoutCapture() {
 std::string StdoutCapture::Text() const {
   if (file_fd_ < 0) return text_;
   fflush(stdout);
-  std::string text;
-  char buf[4096];
-  for (ssize_t n; (n = pread(file_fd_, buf, sizeof(buf), static_cast<off_t>(text.size()))) > 0;)
-    text.append(buf, static_cast<size_t>(n));
-  return text;
+  std::ifstream f(path_, std::ios::binary);
+  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
 }
 
 bool StdoutCapture::WaitFor(const std::string& needle, int timeout_ms) const {
@@ -66,9 +64,9 @@ std::string StdoutCapture::Finish() {
   dup2(saved_fd_, STDOUT_FILENO);
   close(saved_fd_);
   close(file_fd_);
+  unlink(path_.c_str());
   file_fd_ = -1;
-  fwrite(text_.data(), 1, text_.size(), stdout);
-  fflush(stdout);
+  fwrite(text_.data(), 1, text_.size(), stdout);  // echoed for the test log
   return text_;
 }
 

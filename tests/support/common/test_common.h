@@ -54,7 +54,7 @@ class StdoutCapture {
 
  private:
   int saved_fd_ = -1, file_fd_ = -1;
-  std::string text_;
+  std::string path_, text_;
 };
 
 size_t CountOf(const std::string& text, const std::string& needle);
