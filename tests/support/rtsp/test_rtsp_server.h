@@ -4,9 +4,12 @@
 #ifndef QO_TESTS_SUPPORT_RTSP_TEST_RTSP_SERVER_H_
 #define QO_TESTS_SUPPORT_RTSP_TEST_RTSP_SERVER_H_
 
+#include <signal.h>
 #include <sys/types.h>
 
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qo {
@@ -21,51 +24,44 @@ class TestRtspServer {
     std::vector<std::string> streams;
     std::string user;  // basic authentication when not empty
     std::string password;
-    int port = 0;  // 0: ephemeral
-    int rtcp_interval_ms = 250;
   };
 
-  TestRtspServer();
-  explicit TestRtspServer(Options options);
-  ~TestRtspServer();  // Kill()
+  TestRtspServer() = default;
+  explicit TestRtspServer(Options options) : options_(std::move(options)) {}
+  ~TestRtspServer() { Kill(); }
   TestRtspServer(const TestRtspServer&) = delete;
   TestRtspServer& operator=(const TestRtspServer&) = delete;
 
-  // Spawns the server and waits (up to 15 s) for it to listen. On failure
-  // error() says why.
+  // Spawns the server (on the port of the last run, if any) and waits up to
+  // 15 s for it to listen. On failure error() says why.
   bool Start();
-  // Asks the server to quit and waits for it; SIGKILL if it does not.
-  void Stop();
-  // SIGKILL at once (also while frozen) and reap the process.
-  void Kill();
-  // Kill, then start a new server on the same port.
-  bool Restart();
+  void Stop();  // asks the server to quit; SIGKILL if it does not
+  void Kill();  // SIGKILL at once (also while frozen) and reap it
+  bool Restart() { return Kill(), Start(); }
 
   // Fault controls; each returns once the server has done it.
-  bool Drop();        // close all client connections and sessions
-  bool Refuse();      // close the listening socket: connections get refused
-  bool Accept();      // listen again on the same port
-  void Freeze();      // SIGSTOP the server process
-  void Thaw();        // SIGCONT
-  int ClientCount();  // -1 on error
+  bool Drop() { return Command("drop"); }      // close all client connections
+  bool Refuse() { return Command("refuse"); }  // stop listening
+  bool Accept() { return Command("accept"); }  // listen again on the same port
+  void Freeze() { frozen_ = frozen_ || (pid_ > 0 && kill(pid_, SIGSTOP) == 0); }
+  void Thaw() { frozen_ = frozen_ && !(pid_ > 0 && kill(pid_, SIGCONT) == 0); }
+  int ClientCount() {  // -1 on error
+    std::string r;
+    return Command("clients", &r) && r.rfind("CLIENTS ", 0) == 0 ? std::atoi(r.c_str() + 8) : -1;
+  }
 
   bool running() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
   int port() const { return port_; }
   const std::string& error() const { return error_; }
   // "rtsp://127.0.0.1:<port>/<mount>" (mount with or without leading '/').
-  std::string Url(const std::string& mount) const;
-  // The same with "user:password@" in front of the host.
+  std::string Url(const std::string& mount) const { return UrlWithCredentials(mount, "", ""); }
+  // The same with "user:password@" in front of the host (none when empty).
   std::string UrlWithCredentials(const std::string& mount, const std::string& user,
                                  const std::string& password) const;
 
-  // Path of the qo-rtsp-server program of this build.
-  static std::string ProgramPath();
-
  private:
-  bool Command(const std::string& cmd, std::string* reply);
+  bool Command(const std::string& cmd, std::string* reply = nullptr);
   bool ReadLine(std::string* line, int timeout_ms);
-  void CloseFds();
 
   Options options_;
   pid_t pid_ = -1;

@@ -1,0 +1,375 @@
+// live555src in real pipelines against qo-rtsp-server on 127.0.0.1: each codec
+// over each transport, credentials, "eos", and reconnection after the server
+// goes away; and how the element is registered next to the plugin module.
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gstlive555src.h"
+#include "test_rtsp_server.h"
+
+namespace qo {
+namespace test {
+namespace {
+
+#ifdef QO_SANITIZER_BUILD
+constexpr int64_t kPromptMs = 3000;
+#else
+constexpr int64_t kPromptMs = 1000;
+#endif
+const char kH264[] = "h264parse ! video/x-h264,stream-format=byte-stream,alignment=(string) au";
+
+int64_t NowMs() { return g_get_monotonic_time() / 1000; }
+
+struct Sample {
+  std::string caps;
+  bool delta = false, other_ts = false;
+  int64_t sender_ns = -1, arrival_ns = 0;  // wall clock; -1: no sender time
+};
+struct State {  // one "live555src-state" element message
+  std::string state, reason;
+  unsigned attempt = 0, delay_ms = 0;
+  int64_t at_ms = 0;
+};
+
+// "live555src name=src <props> ! <stage> ! appsink". The test's thread pulls
+// the samples (noting when each arrived) and the bus messages as they come.
+class Receiver {
+ public:
+  explicit Receiver(const std::string& props, const std::string& stage = kH264)
+      : pipeline_(gst_parse_launch(("live555src name=src " + props + " ! " + stage +
+                                    " ! appsink name=sink async=false sync=false")
+                                       .c_str(),
+                                   nullptr)),
+        src(gst_bin_get_by_name(GST_BIN(pipeline_), "src")),
+        sink(GST_APP_SINK(gst_bin_get_by_name(GST_BIN(pipeline_), "sink"))),
+        bus_(gst_element_get_bus(pipeline_)) {}
+  ~Receiver() {
+    gst_element_set_state(pipeline_, GST_STATE_NULL);
+    for (GstElement* e : {src, GST_ELEMENT(sink), pipeline_}) gst_object_unref(e);
+    gst_object_unref(bus_);
+  }
+
+  // Going to READY or below starts a new run: what was recorded is forgotten.
+  GstStateChangeReturn Set(GstState state) {
+    if (state <= GST_STATE_READY) samples.clear();
+    return gst_element_set_state(pipeline_, state);
+  }
+  // NULL must be prompt whatever the connection is doing.
+  void ExpectPromptNull() {
+    const int64_t t0 = NowMs();
+    EXPECT_EQ(Set(GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+    EXPECT_LT(NowMs() - t0, kPromptMs) << "NULL took too long";
+  }
+  // Takes what comes for up to `ms`, until `done` holds.
+  template <typename F>
+  bool Run(int ms, F done) {
+    for (const int64_t end = NowMs() + ms; !done();) {
+      if (NowMs() >= end) return false;
+      if (GstSample* s = gst_app_sink_try_pull_sample(sink, 5 * GST_MSECOND)) Record(s);
+      while (GstMessage* m = gst_bus_pop(bus_)) Record(m);
+    }
+    return true;
+  }
+  void Run(int ms) {
+    Run(ms, [] { return false; });
+  }
+  bool WaitSamples(size_t n, int ms) {
+    return Run(ms, [&] { return samples.size() >= n; });
+  }
+  bool WaitEos(int ms) {
+    return Run(ms, [&] { return gst_app_sink_is_eos(sink); });
+  }
+  bool WaitEnd(int ms) {
+    return Run(ms, [&] { return gst_app_sink_is_eos(sink) || errors; });
+  }
+  // Index of the first message `state` at or after `from`, or -1.
+  int WaitState(const std::string& state, int ms, size_t from = 0) {
+    size_t i = from;
+    Run(ms, [&] {
+      while (i < states.size() && states[i].state != state) ++i;
+      return i < states.size();
+    });
+    return i < states.size() ? static_cast<int>(i) : -1;
+  }
+
+  std::vector<Sample> samples;
+  std::vector<State> states;
+  size_t errors = 0;
+  GstElement* pipeline_;
+  GstElement* src;
+  GstAppSink* sink;
+
+ private:
+  void Record(GstSample* sample) {
+    Sample r;
+    r.arrival_ns = g_get_real_time() * 1000;
+    gchar* caps = gst_caps_to_string(gst_sample_get_caps(sample));
+    r.caps = caps;
+    g_free(caps);
+    GstBuffer* buf = gst_sample_get_buffer(sample);
+    r.delta = GST_BUFFER_FLAG_IS_SET(buf, GST_BUFFER_FLAG_DELTA_UNIT);
+    static GstCaps* const kUnix = gst_caps_new_empty_simple("timestamp/x-unix");
+    GstReferenceTimestampMeta* meta = gst_buffer_get_reference_timestamp_meta(buf, kUnix);
+    if (meta) r.sender_ns = static_cast<int64_t>(meta->timestamp);
+    r.other_ts = gst_buffer_get_n_meta(buf, GST_REFERENCE_TIMESTAMP_META_API_TYPE) > (meta ? 1 : 0);
+    gst_sample_unref(sample);
+    samples.push_back(r);
+  }
+  void Record(GstMessage* m) {
+    const GstStructure* s = gst_message_get_structure(m);
+    errors += GST_MESSAGE_TYPE(m) == GST_MESSAGE_ERROR ? 1 : 0;
+    if (GST_MESSAGE_TYPE(m) == GST_MESSAGE_ELEMENT &&
+        gst_structure_has_name(s, "live555src-state")) {
+      State st;
+      st.at_ms = NowMs();
+      st.state = gst_structure_get_string(s, "state");
+      if (const char* v = gst_structure_get_string(s, "reason")) st.reason = v;
+      gst_structure_get_uint(s, "attempt", &st.attempt);
+      gst_structure_get_uint(s, "delay-ms", &st.delay_ms);
+      states.push_back(st);
+    }
+    gst_message_unref(m);
+  }
+  GstBus* bus_;
+};
+
+class Live555SrcTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    gst_init(nullptr, nullptr);
+    qo_live555src_register_static();
+  }
+  // An H.264 server and the source's properties to reach it over TCP.
+  std::string Serve(const std::string& extra_props = "") {
+    server_ =
+        std::make_unique<TestRtspServer>(TestRtspServer::Options{{"h264=h264,key-int=15"}, "", ""});
+    EXPECT_TRUE(server_->Start()) << server_->error();
+    return "protocols=4 location=" + server_->Url("h264") + " " + extra_props;
+  }
+  // "eos" must bring end-of-stream to the appsink at once.
+  static void ExpectPromptEos(Receiver* rx) {
+    const int64_t t0 = NowMs();
+    g_object_set(rx->src, "eos", TRUE, nullptr);
+    EXPECT_TRUE(rx->WaitEos(1000));
+    EXPECT_LT(NowMs() - t0, 500);
+  }
+  std::unique_ptr<TestRtspServer> server_;
+};
+
+// Each codec over each transport: frames with the codec's caps without an
+// asynchronous state change, over the transport asked for; the sender's
+// wall-clock time comes with the first RTCP report and stays on every later
+// frame; a receiver that joins the running stream starts at a key frame.
+TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
+  TestRtspServer server;
+  ASSERT_TRUE(server.Start()) << server.error();
+  const struct {
+    const char *mount, *stage, *caps;
+  } codecs[] = {{"h264", kH264, "video/x-h264"},
+                {"h265", "h265parse ! video/x-h265,stream-format=byte-stream,alignment=(string) au",
+                 "video/x-h265"},
+                {"mjpeg", "image/jpeg", "image/jpeg"}};
+  for (const auto& c : codecs) {
+    for (int protocols : {1, 4}) {
+      SCOPED_TRACE(std::string(c.mount) + (protocols == 4 ? " over TCP" : " over UDP"));
+      const std::string props = "max-bytes=5242880 protocols=" + std::to_string(protocols) +
+                                " location=" + server.Url(c.mount);
+      Receiver rx(props, c.stage);
+      GstStateChangeReturn ret = rx.Set(GST_STATE_PLAYING);
+      EXPECT_TRUE(ret == GST_STATE_CHANGE_SUCCESS || ret == GST_STATE_CHANGE_NO_PREROLL) << ret;
+      ASSERT_TRUE(rx.WaitSamples(60, 10000));
+      Receiver late(props, c.stage);
+      late.Set(GST_STATE_PLAYING);
+      ASSERT_TRUE(late.WaitSamples(3, 10000));
+      EXPECT_FALSE(late.samples.front().delta) << "joined on a delta unit";
+
+      const Sample* first = nullptr;
+      size_t judged = 0, close = 0;
+      for (const Sample& r : rx.samples) {
+        EXPECT_EQ(r.caps.rfind(c.caps, 0), 0u) << r.caps;
+        EXPECT_FALSE(r.other_ts) << "NTP-epoch meta left on the buffer";
+        if (!first && r.sender_ns < 0) continue;
+        first = first ? first : &r;
+        ASSERT_GE(r.sender_ns, 0) << "a frame lost its sender time";
+        const int64_t diff = std::llabs(r.arrival_ns - r.sender_ns);
+        EXPECT_LT(diff, 1000 * GST_MSECOND) << "sender time far off the wall clock";
+        // The first report's mapping is coarse: judge once later ones arrived.
+        if (r.arrival_ns - first->arrival_ns > 700 * GST_MSECOND) ++judged, close += diff < 50e6;
+      }
+      ASSERT_NE(first, nullptr) << "no sender time";
+      EXPECT_GE(close * 2, judged) << "sender time mostly off by 50 ms or more";
+      // UDP: the RTP socket's receive buffer is the one "max-bytes" sizes.
+      int udp = 0, sized = 0;
+      GstIterator* it = gst_bin_iterate_all_by_element_factory_name(GST_BIN(rx.src), "udpsrc");
+      for (GValue v = G_VALUE_INIT; gst_iterator_next(it, &v) == GST_ITERATOR_OK;
+           g_value_unset(&v)) {
+        int size = 0;
+        g_object_get(g_value_get_object(&v), "buffer-size", &size, nullptr);
+        ++udp, sized += size == 5 << 20;
+      }
+      gst_iterator_free(it);
+      EXPECT_EQ(udp == 0, protocols == 4) << "UDP sockets: " << udp;
+      EXPECT_EQ(sized > 0, protocols == 1) << "max-bytes not on the RTP socket";
+    }
+  }
+}
+
+// "eos" asked for before PLAYING ends the stream at once; a new run from
+// READY streams again, and "eos" while streaming ends it at once as well.
+TEST_F(Live555SrcTest, EosEndsTheStreamAtOnce) {
+  Receiver rx(Serve());
+  g_object_set(rx.src, "eos", TRUE, nullptr);
+  rx.Set(GST_STATE_PLAYING);
+  EXPECT_TRUE(rx.WaitEos(1000));
+  EXPECT_FALSE(rx.WaitSamples(1, 300));
+  rx.Set(GST_STATE_READY);
+  rx.Set(GST_STATE_PLAYING);
+  ASSERT_TRUE(rx.WaitSamples(10, 10000)) << "no frames in the second run";
+  ExpectPromptEos(&rx);
+  EXPECT_EQ(rx.errors, 0u);
+}
+
+// One connection through every kind of loss: the server killed and back on
+// the same port a second later, dropping its clients, refusing for 2.5 s.
+// Each time frames resume on the same pad at a key frame after "lost",
+// "retrying" and "connecting"; the delays between attempts double within
+// their jitter and bounds; no error, no end-of-stream. "eos" while
+// retrying ends the stream at once, and no attempt follows.
+TEST_F(Live555SrcTest, ReconnectsAfterRestartDropAndRefusal) {
+  Receiver rx(Serve("retry-delay-min=50 retry-delay-max=400"));
+  GstPad* pad = gst_element_get_static_pad(rx.src, "src");
+  rx.Set(GST_STATE_PLAYING);
+  ASSERT_TRUE(rx.WaitSamples(10, 10000));
+  for (const std::string fault : {"restart", "drop", "refuse"}) {
+    SCOPED_TRACE(fault);
+    const size_t from = rx.states.size(), before = rx.samples.size();
+    if (fault == "restart") server_->Kill();
+    ASSERT_TRUE(fault != "refuse" || server_->Refuse());
+    ASSERT_TRUE(fault == "restart" || server_->Drop());
+    rx.Run(fault == "drop" ? 0 : fault == "restart" ? 1000 : 2500);
+    ASSERT_TRUE(fault == "drop" || (fault == "restart" ? server_->Start() : server_->Accept()))
+        << server_->error();
+    const int back = rx.WaitState("streaming", 15000, from);
+    ASSERT_GT(back, 0);
+    ASSERT_TRUE(rx.WaitSamples(before + 15, 15000));
+    const auto& states = rx.states;
+    const int lost = rx.WaitState("lost", 0, from);
+    ASSERT_GE(lost, 0);
+    EXPECT_FALSE(states[lost].reason.empty());
+    EXPECT_EQ(states[lost + 1].state, "retrying");
+    EXPECT_EQ(states[back - 1].state, "connecting");
+    unsigned retries = 0;
+    for (int i = lost; i < back; ++i) {
+      if (states[i].state != "retrying") continue;
+      EXPECT_EQ(states[i].attempt, ++retries);
+      const unsigned step = std::min(50u << std::min(states[i].attempt - 1, 4u), 400u);
+      EXPECT_GE(states[i].delay_ms, std::max(50u, step / 2)) << "attempt " << retries;
+      EXPECT_LE(states[i].delay_ms, step) << "attempt " << retries;
+    }
+    // 2.5 s of refusals: delays of 50, 100, 200, 400, 400 ms (or half).
+    EXPECT_TRUE(fault != "refuse" || retries >= 5) << retries << " retries";
+    // The new connection's first frame follows the longest pause.
+    size_t first = before;
+    auto gap = [&](size_t k) { return rx.samples[k].arrival_ns - rx.samples[k - 1].arrival_ns; };
+    for (size_t i = before; i < rx.samples.size(); ++i) first = gap(i) > gap(first) ? i : first;
+    EXPECT_FALSE(rx.samples[first].delta) << "resumed on a delta unit";
+  }
+  GstPad* now = gst_element_get_static_pad(rx.src, "src");
+  EXPECT_EQ(now, pad) << "the source pad was replaced";
+  gst_object_unref(now);
+  gst_object_unref(pad);
+  EXPECT_EQ(rx.errors, 0u);
+  EXPECT_FALSE(rx.WaitEos(0));
+
+  ASSERT_TRUE(server_->Refuse());
+  ASSERT_TRUE(server_->Drop());
+  ASSERT_GE(rx.WaitState("retrying", 5000, rx.states.size()), 0);
+  ExpectPromptEos(&rx);
+  EXPECT_EQ(rx.WaitState("connecting", 1000, rx.states.size()), -1) << "attempt after eos";
+  rx.ExpectPromptNull();
+}
+
+// A server that sends nothing is lost after "timeout" and each attempt
+// against it gives up after "connect-timeout"; frames resume after the thaw.
+// A consumer that holds a buffer longer than "timeout" is no silent server.
+// "eos" while connecting to a frozen server ends the stream at once.
+TEST_F(Live555SrcTest, SilentServerIsLostAfterTheTimeout) {
+  Receiver rx(Serve("timeout=500 connect-timeout=700"));
+  g_object_set(rx.sink, "max-buffers", 1, nullptr);  // a consumer that stops takes no more
+  rx.Set(GST_STATE_PLAYING);
+  ASSERT_TRUE(rx.WaitSamples(5, 10000));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // not taking any
+  ASSERT_TRUE(rx.WaitSamples(rx.samples.size() + 5, 5000));
+  EXPECT_EQ(rx.WaitState("lost", 0), -1);
+
+  server_->Freeze();
+  const int64_t frozen_at = NowMs();
+  const int lost = rx.WaitState("lost", 5000);
+  ASSERT_GE(lost, 0);
+  const State st = rx.states[lost];
+  EXPECT_GE(st.at_ms - frozen_at, 350) << "lost before the time-out";
+  EXPECT_LE(st.at_ms - frozen_at, 2000) << "lost long after the time-out";
+  EXPECT_NE(st.reason.find("timeout"), std::string::npos) << st.reason;
+  EXPECT_GE(rx.WaitState("lost", 5000, lost + 1), 0) << "connect-timeout";
+  server_->Thaw();
+  EXPECT_TRUE(rx.WaitSamples(rx.samples.size() + 10, 15000));
+  EXPECT_EQ(rx.errors, 0u);
+
+  server_->Freeze();
+  ASSERT_GE(rx.WaitState("connecting", 5000, rx.states.size()), 0);
+  ExpectPromptEos(&rx);
+  rx.ExpectPromptNull();
+}
+
+// Without reconnection a server that goes away ends the stream (an error or
+// an end-of-stream, as the RTSP client reports it), and no attempt follows.
+TEST_F(Live555SrcTest, WithoutReconnectALostConnectionEndsTheStream) {
+  Receiver rx(Serve("reconnect=false"));
+  rx.Set(GST_STATE_PLAYING);
+  ASSERT_TRUE(rx.WaitSamples(5, 10000));
+  server_->Kill();
+  EXPECT_TRUE(rx.Run(15000, [&] { return rx.errors > 0 || gst_app_sink_is_eos(rx.sink); }));
+  EXPECT_GE(rx.WaitState("lost", 1000), 0);
+  EXPECT_EQ(rx.WaitState("retrying", 500), -1);
+  rx.ExpectPromptNull();
+}
+
+// With the plugin module in GStreamer's path, the built-in element is still
+// the one gst_parse_launch gives, and both types live side by side (a GType
+// clash would abort). Runs in a fresh process with a fresh registry.
+[[noreturn]] void BuiltInNextToTheModule() {
+  const std::string dir = QO_TEST_BINARY_DIR, plugins = dir + "/gst-plugins";
+  const std::string empty = dir + "/gst-no-system-plugins";
+  mkdir(empty.c_str(), 0755);  // never a copy installed on this machine
+  setenv("GST_PLUGIN_SYSTEM_PATH_1_0", empty.c_str(), 1);
+  setenv("GST_REGISTRY", (dir + "/gst-registry-live555src.bin").c_str(), 1);
+  setenv("GST_PLUGIN_PATH", plugins.c_str(), 1);
+  setenv("G_DEBUG", "fatal-criticals", 1);
+  gst_init(nullptr, nullptr);
+  if (!gst_registry_lookup_feature(gst_registry_get(), "live555src")) _exit(10);
+  if (!qo_live555src_register_static() || !qo_live555src_register_static()) _exit(11);
+  GstElement* e = gst_element_factory_make("live555src", nullptr);
+  if (!e || G_OBJECT_TYPE(e) != GST_TYPE_LIVE555_SRC) _exit(12);
+  GstPlugin* p = gst_plugin_load_file((plugins + "/libgstlive555src.so").c_str(), nullptr);
+  GType t = g_type_from_name("GstLive555Src");
+  _exit(!p || !t || t == GST_TYPE_LIVE555_SRC || !g_object_new(t, nullptr) ? 13 : 0);
+}
+
+TEST(Live555SrcRegisterTest, BuiltInElementNextToThePluginModule) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(BuiltInNextToTheModule(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace qo

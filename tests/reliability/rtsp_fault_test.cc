@@ -1,0 +1,292 @@
+// The live-stream layer (qo_VideoStream*) and the video input node against
+// RTSP servers that fail, each fault once per level. With reconnection the
+// frames resume without any action of the caller and nothing ends the
+// stream; a server gone for good, or any loss with reconnection off, ends it
+// with one task. Close is prompt in every state and leaves no thread behind.
+#include <gst/rtsp-server/rtsp-server.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hal_mm_video_in.h"
+#include "process_stats.h"
+#include "test_host.h"
+#include "test_rtsp_server.h"
+
+namespace qo {
+namespace reliability {
+namespace {
+
+#ifdef QO_SANITIZER_BUILD
+constexpr int64_t kPromptMs = 3000;
+#else
+constexpr int64_t kPromptMs = 1000;
+#endif
+// The layer's stop waits up to 4 s for a puller that is no longer there.
+constexpr int64_t kUnpulledStopMs = 4000 + kPromptMs;
+constexpr int kUdp = RTSP_TRANS_UDP, kTcp = RTSP_TRANS_TCP;
+
+void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
+
+// An RTSP server in this process whose sender can end its streams with
+// RTCP BYE, which qo-rtsp-server cannot do. Each connection gets a stream of
+// its own, so one that got BYE is never handed out again.
+class ByeServer {
+ public:
+  ByeServer() {
+    g_object_set(server_, "address", "127.0.0.1", "service", "0", nullptr);
+    GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
+    gst_rtsp_media_factory_set_launch(
+        factory,
+        "( videotestsrc is-live=true ! video/x-raw,width=320,height=240,framerate=30/1 ! "
+        "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15 ! "
+        "rtph264pay name=pay0 pt=96 config-interval=1 )");
+    gst_rtsp_media_factory_set_shared(factory, FALSE);
+    g_signal_connect(factory, "media-configure",
+                     G_CALLBACK(+[](GstRTSPMediaFactory*, GstRTSPMedia* m, ByeServer* self) {
+                       std::lock_guard<std::mutex> lock(self->mu_);
+                       self->medias_.push_back(GST_RTSP_MEDIA(g_object_ref(m)));
+                     }),
+                     this);
+    GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server_);
+    gst_rtsp_mount_points_add_factory(mounts, "/h264", factory);
+    g_object_unref(mounts);
+    source_ = gst_rtsp_server_attach(server_, context_);
+    url_ = "rtsp://127.0.0.1:" + std::to_string(gst_rtsp_server_get_bound_port(server_)) + "/h264";
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "bye-rtsp-srv");
+      g_main_context_push_thread_default(context_);
+      g_main_loop_run(loop_);
+      // Sessions, clients and streams end on this thread, in their context.
+      GstRTSPSessionPool* pool = gst_rtsp_server_get_session_pool(server_);
+      gst_rtsp_session_pool_filter(
+          pool, [](auto, auto, auto) { return GST_RTSP_FILTER_REMOVE; }, nullptr);
+      g_object_unref(pool);
+      gst_rtsp_server_client_filter(
+          server_, [](auto, auto, auto) { return GST_RTSP_FILTER_REMOVE; }, nullptr);
+      g_source_destroy(g_main_context_find_source_by_id(context_, source_));
+      while (g_main_context_iteration(context_, FALSE)) {
+      }
+      for (GstRTSPMedia* m : medias_) gst_rtsp_media_unprepare(m), g_object_unref(m);
+      while (g_main_context_iteration(context_, FALSE)) {
+      }
+      g_main_context_pop_thread_default(context_);
+    });
+  }
+  ~ByeServer() {
+    g_main_loop_quit(loop_);
+    thread_.join();
+    g_object_unref(server_);
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+  const std::string& url() const { return url_; }
+  // The end of a stream makes its RTP session send BYE. Returns how many.
+  int SendBye() {
+    std::lock_guard<std::mutex> lock(mu_);
+    int n = 0;
+    for (GstRTSPMedia* m : medias_) {
+      GstElement* e = gst_rtsp_media_get_element(m);
+      n += gst_element_send_event(e, gst_event_new_eos()) ? 1 : 0;
+      gst_object_unref(e);
+    }
+    return n;
+  }
+
+ private:
+  GMainContext* context_ = g_main_context_new();
+  GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
+  GstRTSPServer* server_ = gst_rtsp_server_new();
+  guint source_ = 0;
+  std::string url_;
+  std::mutex mu_;
+  std::vector<GstRTSPMedia*> medias_;
+  std::thread thread_;
+};
+
+enum Level { kLayer, kNode };
+// What the server does mid-stream. Up to kBye the frames must resume.
+enum Fault {
+  kRestart,
+  kDrop,
+  kRefuse,
+  kFreeze,
+  kBye,
+  kAwayRefusing,
+  kAwayFrozen,
+  kNoReconnect,
+  kGone
+};
+const char* const kFaultNames[] = {"restart",
+                                   "drop",
+                                   "refuse",
+                                   "freeze",
+                                   "bye",
+                                   "close_while_refusing",
+                                   "close_while_frozen",
+                                   "reconnect_off_restart",
+                                   "gone_for_good"};
+const int kOutageMs[] = {3000, 0, 2000, 3000, 0, 1500, 2500, 0, 0};
+
+// One H.264 stream from `url`: the video input node on port 0 of a
+// collector, or the layer pulled on a thread with a 1 s time-out as the
+// node's output thread does.
+class Stream {
+ public:
+  Stream(Level level, int trans, const std::string& url, int timeout_s = 3) : url_(url) {
+    if (level == kNode) {
+      node_ = std::make_unique<testhost::HostNode>("qo.mm.video.in");
+      node_->thread()->SetTxQue(out_.queue(), 0);
+      node_->SetString("uri", url);
+      node_->SetInt("lower-trans-type", trans);
+      node_->SetInt("stream-type", 31);
+      node_->SetInt("timeout", timeout_s);
+      node_->Open();
+      return;
+    }
+    h_ = qo_VideoStreamOpen(url_.c_str());
+    qo_VideoStreamCfg(h_, "stream-type", QO_PIX_FMT_H264);
+    qo_VideoStreamCfg(h_, "lower-trans-type", trans);
+    EXPECT_EQ(qo_VideoStreamStart(h_), 0);
+    puller_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "test-puller");
+      while (!quit_ && !eos_) {
+        qo_StreamInfo f = {};
+        qo_VideoStreamGetFrame(h_, &f, 1);
+        if (f.data) frames_++, qo_VideoStreamFrameFree(&f);
+        eos_ = f.eos != 0;
+      }
+    });
+  }
+  ~Stream() {
+    if (h_ || node_) Close();
+  }
+  size_t frames() { return node_ ? out_.Count(0) : frames_.load(); }
+  // The node's end task (one at most), or 1 after the layer's end of stream.
+  int status() {
+    if (!node_) return eos_ ? 1 : 0;
+    auto tasks = out_.Tasks();
+    EXPECT_LE(tasks.size() - out_.Count(0), 1u) << "more than one end task";
+    return tasks.empty() ? 0 : tasks.back().flag;
+  }
+  // Closes the node, or stops the layer while the puller pulls and closes
+  // it; returns how long that took.
+  int64_t Close() {
+    const int64_t t0 = MonotonicMs();
+    if (node_) node_->Close();
+    if (h_) {
+      EXPECT_EQ(qo_VideoStreamStop(h_), 0);
+      quit_ = true;
+      puller_.join();
+      qo_VideoStreamClose(h_);
+    }
+    const int64_t ms = MonotonicMs() - t0;
+    out_.Stop();
+    node_.reset();
+    h_ = nullptr;
+    return ms;
+  }
+
+ private:
+  std::string url_;                  // lives as long as the handle
+  testhost::TaskCollector out_{64};  // declared before the node, which feeds it
+  std::unique_ptr<testhost::HostNode> node_;
+  qo_StrmHandle h_ = nullptr;
+  std::thread puller_;
+  std::atomic<bool> quit_{false}, eos_{false};
+  std::atomic<size_t> frames_{0};
+};
+
+class RtspFaultTest : public ::testing::TestWithParam<std::tuple<Level, Fault>> {
+ protected:
+  static void SetUpTestSuite() {
+    ASSERT_EQ(testhost::LoadSdk(), "");
+    // GLib's and GStreamer's process-wide threads start with the first
+    // connection: before counting.
+    qo::test::TestRtspServer server;
+    ASSERT_TRUE(server.Start()) << server.error();
+    Stream s(kLayer, kTcp, server.Url("h264"));
+    WaitUntil([&] { return s.frames() > 0; }, 15000);
+  }
+  void SetUp() override {
+    threads_before_ = ThreadCount();
+    server_ = std::make_unique<qo::test::TestRtspServer>(
+        qo::test::TestRtspServer::Options{{"h264=h264,key-int=15"}, "", ""});
+    ASSERT_TRUE(server_->Start()) << server_->error();
+  }
+  void TearDown() override {
+    server_.reset();
+    ExpectNoThreadLeft(threads_before_);
+  }
+  std::unique_ptr<qo::test::TestRtspServer> server_;
+  int threads_before_ = 0;
+};
+
+// The camera reboots (killed, back on the same port 3 s later), drops its
+// clients, refuses them for 2 s, freezes for 3 s, or ends its stream with
+// BYE: frames resume on the same stream or node, no end task goes out, and
+// close while it still pulls is prompt. So is close while the source retries
+// against a refusing server or waits for a frozen one. Reconnection off (a
+// source property after the URL), a lost server ends the stream, one that
+// comes back is not used, and the node sends one end task; a server gone for
+// good ends a reconnecting node with one status-2 task once its time-out
+// budget is spent.
+TEST_P(RtspFaultTest, Outcome) {
+  const Level level = std::get<0>(GetParam());
+  const Fault fault = std::get<1>(GetParam());
+  std::unique_ptr<ByeServer> bye(fault == kBye ? new ByeServer : nullptr);
+  const std::string url = bye ? bye->url() : server_->Url("h264");
+  // Each fault over TCP at one level and over UDP at the other.
+  Stream s(level, (level + fault) % 2 ? kTcp : kUdp,
+           url + (fault == kNoReconnect ? " reconnect=false" : ""), fault >= kNoReconnect ? 1 : 3);
+  ASSERT_TRUE(WaitUntil([&] { return s.frames() >= 10; }, 15000));
+  if (fault == kRestart || fault == kNoReconnect || fault == kGone) server_->Kill();
+  ASSERT_TRUE(fault != kDrop || server_->Drop());
+  ASSERT_TRUE((fault != kRefuse && fault != kAwayRefusing) ||
+              (server_->Refuse() && server_->Drop()));
+  if (fault == kFreeze || fault == kAwayFrozen) server_->Freeze();
+  Sleep(kOutageMs[fault]);
+  ASSERT_TRUE((fault != kRestart && fault != kNoReconnect) || server_->Start()) << server_->error();
+  ASSERT_TRUE(fault != kRefuse || server_->Accept()) << server_->error();
+  if (fault == kFreeze) server_->Thaw();
+  EXPECT_TRUE(fault != kBye || bye->SendBye() == 1) << "BYE to one receiver";
+
+  const size_t before = s.frames();
+  if (fault <= kBye) {
+    EXPECT_TRUE(WaitUntil([&] { return s.frames() >= before + 10; }, 15000)) << "no frames after";
+    EXPECT_EQ(s.status(), 0) << "the outage ended the stream";
+  }
+  if (fault == kNoReconnect) {
+    Sleep(4000);
+    EXPECT_LE(s.frames(), before + 2) << "frames resumed without reconnection";
+    EXPECT_TRUE(level == kLayer || s.status() != 0) << "no end task";
+  }
+  EXPECT_TRUE(fault != kGone || WaitUntil([&] { return s.status() == 2; }, 15000));
+  // After an end-of-stream the layer's stop has seen the end already; it
+  // waits up to 4 s for a puller that has gone after a time-out.
+  const int status = s.status();
+  EXPECT_LT(s.Close(), status == 2 ? kUnpulledStopMs : kPromptMs) << "close";
+}
+
+std::vector<std::tuple<Level, Fault>> Cases() {
+  std::vector<std::tuple<Level, Fault>> cases;
+  for (Level level : {kLayer, kNode}) {
+    for (int f = kRestart; f <= kGone - (level == kLayer); ++f) cases.emplace_back(level, Fault(f));
+  }
+  return cases;
+}
+INSTANTIATE_TEST_SUITE_P(EachFaultAtEachLevel, RtspFaultTest, ::testing::ValuesIn(Cases()),
+                         [](const auto& p) {
+                           return std::string(std::get<0>(p.param) == kLayer ? "layer_" : "node_") +
+                                  kFaultNames[std::get<1>(p.param)];
+                         });
+
+}  // namespace
+}  // namespace reliability
+}  // namespace qo
