@@ -13,13 +13,11 @@ using qo::testutil::ErrorText;
 
 const std::string kHead = R"(Host-\d+\[\d\d:\d\d:\d\d:\d\d\d\] )";
 
-int Evaluated(int* count) { return ++*count; }
-
 TEST(LoggingTest, LinesGatingFatalMessagesAndChecks) {
   qo::testutil::LogCapture capture(3);
   int count = 0;
-  LOG(2) << "filtered " << Evaluated(&count);  // not even built
-  LOG(3) << "shown " << Evaluated(&count);
+  LOG(2) << "filtered " << ++count;  // not even built
+  LOG(3) << "shown " << ++count;
   EXPECT_EQ(count, 1);
   qo::LogMessage(nullptr, 7).stream() << "dropped";  // a null file ends the line after the time
   std::vector<std::string> lines = capture.Lines();
@@ -40,14 +38,10 @@ TEST(LoggingTest, LinesGatingFatalMessagesAndChecks) {
   EXPECT_EQ(capture.Lines().size(), 2u);  // a fatal message never reaches the sink
   qo::g_log_level = 6;                    // silences fatal messages, not checks
   LOG(5) << "not thrown";
-  int i = 3, num_args = 3;
-  EXPECT_NE(ErrorText([&] {
-              CHECK_LT(i, num_args) << "tail";
-            }).find(": Check failed: i < num_args (3 vs. 3) : tail\nStack trace:\n"),
-            std::string::npos);
+  int i = 3, num_args = 3;  // the binary checks' text is proven with the packed arguments
   EXPECT_NE(ErrorText([&] {
               CHECK(i != num_args) << "key";
-            }).find(": Check failed: i != num_args: key\n"),
+            }).find(": Check failed: i != num_args: key\nStack trace:\n"),
             std::string::npos);
   EXPECT_EQ(ErrorText([&] { CHECK_EQ(i, num_args) << "never built"; }), "");
   bool else_taken = false;  // a check inside an if leaves the else to that if

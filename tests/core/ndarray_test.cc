@@ -45,6 +45,9 @@ TEST(NDArrayTest, DeleterRunsOnceWhenSharedAcrossThreads) {
 qo::NDArray Serialise(qo::NDArray data, std::vector<uint8_t> extra) {
   auto* task = new qo::MediaTask();
   task->data = std::move(data);
+  task->source_id = -2;
+  task->time_stamp = 0x0102030405060708LL;
+  task->flag = 1;
   task->extra = std::move(extra);
   return qo::TaskSerializeCustom<qo::MediaTask>(task);
 }
@@ -52,13 +55,7 @@ qo::NDArray Serialise(qo::NDArray data, std::vector<uint8_t> extra) {
 TEST(NDArrayTest, MediaTaskSerialisesHeaderAndCutsExtra) {
   g_deleter_runs = 0;
   qo::NDArray frame = MakeFrame();
-  auto* task = new qo::MediaTask();
-  task->data = frame;
-  task->source_id = -2;
-  task->time_stamp = 0x0102030405060708LL;
-  task->flag = 1;
-  task->extra.assign(100, 0xab);
-  qo::NDArray out = qo::TaskSerializeCustom<qo::MediaTask>(task);
+  qo::NDArray out = Serialise(frame, std::vector<uint8_t>(100, 0xab));
   EXPECT_EQ(out.get(), frame.get());
   EXPECT_EQ(out.use_count(), 2);  // the task's own reference is gone
   const uint8_t header[20] = {0xfe, 0xff, 0xff, 0xff, 8, 7, 6, 5, 4, 3,

@@ -1,6 +1,8 @@
 // Argument conversions and packing, and the owning return slot.
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 #include "core/qo_packed_func.h"
 #include "core/qo_registry.h"
 #include "test_common.h"
@@ -10,15 +12,11 @@ namespace {
 using qo::QOArgValue;
 using qo::testutil::ErrorText;
 
-QOArgValue Arg(int code, int64_t v) {
+template <typename T>
+QOArgValue Arg(int code, T v) {
   qo::QOValue value;
-  value.v_int64 = v;
-  return QOArgValue(value, code);
-}
-
-QOArgValue Arg(int code, const void* p) {
-  qo::QOValue value;
-  value.v_handle = const_cast<void*>(p);
+  if constexpr (std::is_pointer_v<T>) value.v_handle = v;
+  if constexpr (!std::is_pointer_v<T>) value.v_int64 = v;
   return QOArgValue(value, code);
 }
 

@@ -44,9 +44,8 @@ std::thread Feed(qo_VideoFileHandle h, const std::vector<uint8_t>& file, size_t 
   out->push_back(std::make_unique<Packet>(std::vector<uint8_t>(), true));
   return std::thread([h, out] {
     for (auto& p : *out) {
-      int r;
-      while ((r = qo_VideoFilePutStream(h, &p->vs, 60)) > 0) {
-      }
+      int r = 1;
+      while (r > 0) r = qo_VideoFilePutStream(h, &p->vs, 60);
       ASSERT_EQ(r, 0);
     }
   });
@@ -58,10 +57,6 @@ bool Drain(qo_VideoFileHandle h, std::vector<testutil::Frame>* frames) {
       frames);
 }
 
-void ExpectEachFreedOnce(const Packets& packets) {
-  for (size_t i = 0; i < packets.size(); ++i) ASSERT_EQ(packets[i]->frees, 1) << "packet " << i;
-}
-
 // The record behind a handle starts with its pipeline and its appsrc.
 GstElement* PipelineOf(qo_VideoFileHandle h) { return static_cast<GstElement**>(h)[0]; }
 struct Kind {
@@ -70,25 +65,31 @@ struct Kind {
   int type, b_frames, slices;
 };
 
-void PrintTo(const Kind& k, std::ostream* os) { *os << k.name; }
+GstPadProbeReturn CountEos(GstPad*, GstPadProbeInfo* info, gpointer count) {
+  if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS)
+    static_cast<std::atomic<int>*>(count)->fetch_add(1);
+  return GST_PAD_PROBE_OK;
+}
+
+void PrintTo(const Kind& k, std::ostream* os) { *os << k.name; }  // stable test names
 
 class FileDecoderRoundTrip : public ::testing::TestWithParam<Kind> {};
 
+// Also: bad packets are refused without touching their bytes, and released;
+// a second end of stream is released and reaches GStreamer no more; the
+// configuration is refused once the pipeline plays.
 TEST_P(FileDecoderRoundTrip, AccessUnitsMatchTheParserChainAtEveryPacketSize) {
   const Kind k = GetParam();
   for (size_t packet : {size_t{1}, size_t{1000}, size_t{256 * 1024}}) {
     SCOPED_TRACE(packet);
     media::StreamParams p;
-    p.codec = k.codec;
-    p.b_frames = k.b_frames;
-    p.slices = k.slices;
-    if (packet == 1)
-      p.width = 176, p.height = 144, p.frames = 8;  // a buffer per byte: keep it small
+    p.codec = k.codec, p.b_frames = k.b_frames, p.slices = k.slices;
+    if (packet == 1) p.width = 176, p.height = 144, p.frames = 8;  // a buffer per byte
     const std::string path = media::GenerateStream(p);
     const auto ref = media::ReferenceAccessUnits(path, k.codec);
     ASSERT_FALSE(ref.empty());
     // The streams have what they are named for: reordered pictures, or
-    // pictures of several slices.
+    // pictures of several slices (H.264 slice NAL units 1 and 5).
     bool reordered = false;
     int most_slices = 0;
     for (const auto& au : ref) {
@@ -96,39 +97,57 @@ TEST_P(FileDecoderRoundTrip, AccessUnitsMatchTheParserChainAtEveryPacketSize) {
       int slices = 0;
       for (size_t i = 0; i + 3 < au.data.size(); ++i)
         slices += au.data[i] == 0 && au.data[i + 1] == 0 && au.data[i + 2] == 1 &&
-                  ((au.data[i + 3] & 0x1f) == 1 || (au.data[i + 3] & 0x1f) == 5);
+                  (au.data[i + 3] & 0x1b) == 1;
       most_slices = std::max(most_slices, slices);
     }
-    EXPECT_TRUE(k.b_frames == 0 || reordered);
-    EXPECT_TRUE(k.slices == 1 || most_slices >= k.slices);
+    EXPECT_TRUE((k.b_frames == 0 || reordered) && (k.slices == 1 || most_slices >= k.slices));
 
+    testutil::StdoutCapture cap;
     qo_VideoFileHandle h = qo_VideoFileOpen();
     qo_VideoFileCfg(h, "stream-type", k.type);
     qo_VideoFileCfg(h, "width", 64);
     qo_VideoFileCfg(h, "height", 48);
     ASSERT_EQ(qo_VideoFileStart(h), 0);
+    EXPECT_EQ(qo_VideoFilePutStream(h, nullptr, 1), -1);
+    Packet negative({1, 2, 3}), no_data({1, 2, 3}), eos2({}, true);
+    negative.vs.stream.size = -5;
+    no_data.vs.stream.data = nullptr;
+    for (Packet* bad : {&negative, &no_data}) EXPECT_EQ(qo_VideoFilePutStream(h, &bad->vs, 1), -1);
+    qo_VideoFileGetFrame(h, nullptr, 1);
+    std::atomic<int> eos_events{0};
+    GstPad* pad = gst_element_get_static_pad(static_cast<GstElement**>(h)[1], "src");
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, CountEos, &eos_events, nullptr);
+    gst_object_unref(pad);
     Packets packets;
     std::thread feeder = Feed(h, media::ReadFile(path), packet, &packets);
     std::vector<testutil::Frame> got;
     EXPECT_TRUE(Drain(h, &got)) << "a pull timed out before the end of the stream";
     feeder.join();
-    EXPECT_EQ(qo_VideoFileStop(h), 0);
+    EXPECT_EQ(qo_VideoFilePutStream(h, &eos2.vs, 2), 0);
+    gst_element_get_state(PipelineOf(h), nullptr, nullptr, 10 * GST_SECOND);  // PLAYING by now
+    qo_VideoFileCfg(h, "size", 100);
+    const int eos_seen = eos_events;    // before the stop's own
+    EXPECT_EQ(qo_VideoFileStop(h), 0);  // the end was seen: no wait
     qo_VideoFileClose(h);
-    ExpectEachFreedOnce(packets);
+    for (auto& pk : packets) ASSERT_EQ(pk->frees, 1);
+    EXPECT_EQ(std::vector<int>({negative.frees, no_data.frees, eos2.frees, eos_seen}),
+              std::vector<int>({1, 1, 1, 1}));
+    const std::string text = cap.Finish();
+    EXPECT_EQ(testutil::CountOf(text, "video file in recived eos from stream !!!!\n "), 2u);
+    for (const char* line : {"KvVideoFile: qo_VideoFileCfg failed, unable to set property size "
+                             "after pipeline has been launched!!!\n",
+                             "KvVideoFile sent EOS ", "KvVideoFile getting EOS costs:0 ms \n"})
+      EXPECT_NE(text.find(line), std::string::npos) << line;
     ASSERT_EQ(got.size(), ref.size());
     for (size_t i = 0; i < ref.size(); ++i) {
       const testutil::Frame& f = got[i];
       ASSERT_EQ(f.data, ref[i].data) << "access unit " << i;
       EXPECT_EQ(f.format, k.type);
-      if (k.type == QO_PIX_FMT_MJPEG) {
-        // jpegparse fed in small pieces may not learn the size: then the
-        // configured one, never a zero size.
-        EXPECT_TRUE((f.width == p.width && f.height == p.height) ||
-                    (f.width == 64 && f.height == 48));
-      } else {  // the parser's coded size wins over the configured one
-        EXPECT_EQ(f.width * 1000 + f.height, p.width * 1000 + p.height);
-        EXPECT_EQ(f.time_stamp, ref[i].dts) << "access unit " << i;
-      }
+      // The parser's coded size wins over the configured one; jpegparse fed
+      // in small pieces may not learn it: then the configured one, never 0.
+      const bool coded = f.width == p.width && f.height == p.height;
+      EXPECT_TRUE(coded || (k.type == QO_PIX_FMT_MJPEG && f.width == 64 && f.height == 48));
+      EXPECT_TRUE(k.type == QO_PIX_FMT_MJPEG || f.time_stamp == ref[i].dts) << i;
     }
   }
 }
@@ -158,89 +177,30 @@ TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
     (r == 1 ? refused : accepted.emplace_back()) = std::move(p);
   }
   ASSERT_NE(refused, nullptr) << "the queue never filled";
-  EXPECT_GE(waited_ns, 1900e6);
-  EXPECT_LT(waited_ns, 6000e6);
+  EXPECT_TRUE(waited_ns >= 1900e6 && waited_ns < 6000e6) << waited_ns;
   EXPECT_EQ(refused->frees, 0);  // still the caller's
   // Without a limit the put waits until stop wakes it; the push then fails
   // and releases the packet.
   std::atomic<int> result{99};
   std::thread blocked([&] { result = qo_VideoFilePutStream(h, &refused->vs, 0); });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_EQ(result, 99) << "put did not wait for room";
+  EXPECT_EQ(result, 99);              // waits for room
   EXPECT_EQ(qo_VideoFileStop(h), 0);  // nobody pulls: it waits out its limit
   blocked.join();
-  EXPECT_EQ(result, -1);
-  EXPECT_EQ(refused->frees, 1);
+  EXPECT_EQ(std::make_pair(result.load(), refused->frees.load()), std::make_pair(-1, 1));
   // The stopped decoder ends a pull at once instead of waiting out its limit.
   qo_StreamInfo after{};
   const int64_t t1 = MonotonicNs();
   qo_VideoFileGetFrame(h, &after, 3);
   EXPECT_LT(MonotonicNs() - t1, 1000e6);
-  EXPECT_EQ(after.eos, 1);
-  EXPECT_EQ(after.data, nullptr);
+  EXPECT_TRUE(after.eos == 1 && after.data == nullptr);
   qo_VideoFileClose(h);
-  ExpectEachFreedOnce(accepted);
+  for (auto& pk : accepted) ASSERT_EQ(pk->frees, 1);
   const std::string text = cap.Finish();
   for (const char* line :
        {"KvVideoFile: set property size=100\n", "KvVideoFile: just pass through(0)\n",
         "KvVideoFile: send packet timeout !!!", "internal qin is full",
         "KvVideoFile getting EOS costs:800 ms \n"})
-    EXPECT_NE(text.find(line), std::string::npos) << line;
-}
-
-GstPadProbeReturn CountEos(GstPad*, GstPadProbeInfo* info, gpointer count) {
-  if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_EOS)
-    static_cast<std::atomic<int>*>(count)->fetch_add(1);
-  return GST_PAD_PROBE_OK;
-}
-
-TEST(FileDecoderEos, BadPacketsAndASecondEndOfStreamThatReachesGStreamerOnce) {
-  media::StreamParams p;
-  p.frames = 12;
-  const std::vector<uint8_t> file = media::ReadFile(media::GenerateStream(p));
-  ASSERT_FALSE(file.empty());
-  testutil::StdoutCapture cap;
-  qo_VideoFileHandle h = qo_VideoFileOpen();
-  ASSERT_EQ(qo_VideoFileStart(h), 0);
-  // Bad packets are refused without touching their bytes, and released.
-  EXPECT_EQ(qo_VideoFilePutStream(h, nullptr, 1), -1);
-  Packet negative({1, 2, 3}), no_data({1, 2, 3});
-  negative.vs.stream.size = -5;
-  no_data.vs.stream.data = nullptr;
-  for (Packet* bad : {&negative, &no_data}) {
-    EXPECT_EQ(qo_VideoFilePutStream(h, &bad->vs, 1), -1);
-    EXPECT_EQ(bad->frees, 1);
-  }
-  qo_VideoFileGetFrame(h, nullptr, 1);
-  std::atomic<int> eos_events{0};
-  GstPad* pad = gst_element_get_static_pad(static_cast<GstElement**>(h)[1], "src");
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, CountEos, &eos_events, nullptr);
-  gst_object_unref(pad);
-  Packets packets;
-  std::thread feeder = Feed(h, file, 1000, &packets);
-  // Configuration is refused once the pipeline plays.
-  std::vector<testutil::Frame> frames;
-  qo_StreamInfo first{};
-  qo_VideoFileGetFrame(h, &first, 20);
-  ASSERT_NE(first.data, nullptr);
-  qo_VideoFileFrameFree(&first);
-  gst_element_get_state(PipelineOf(h), nullptr, nullptr, 10 * GST_SECOND);  // PLAYING by now
-  qo_VideoFileCfg(h, "size", 100);
-  feeder.join();
-  Packet eos2({}, true);
-  EXPECT_EQ(qo_VideoFilePutStream(h, &eos2.vs, 2), 0);
-  EXPECT_TRUE(Drain(h, &frames));
-  EXPECT_EQ(frames.size() + 1, 12u);
-  EXPECT_EQ(eos_events, 1);
-  EXPECT_EQ(eos2.frees, 1);
-  EXPECT_EQ(qo_VideoFileStop(h), 0);  // the end was seen: no wait
-  qo_VideoFileClose(h);
-  ExpectEachFreedOnce(packets);
-  const std::string text = cap.Finish();
-  EXPECT_EQ(testutil::CountOf(text, "video file in recived eos from stream !!!!\n "), 2u);
-  for (const char* line : {"KvVideoFile: qo_VideoFileCfg failed, unable to set property size after "
-                           "pipeline has been launched!!!\n",
-                           "KvVideoFile sent EOS ", "KvVideoFile getting EOS costs:0 ms \n"})
     EXPECT_NE(text.find(line), std::string::npos) << line;
 }
 
@@ -263,9 +223,8 @@ TEST(FileDecoderLifecycle, GetBeforeStartAndAFailedStart) {
   EXPECT_EQ(packet.frees, 1);
   EXPECT_EQ(qo_VideoFileStop(h), -1);
   qo_VideoFileClose(h);
-  const std::string text = cap.Finish();
-  EXPECT_NE(text.find("KvVideoFile: video decoder does not start yet !!!"), std::string::npos);
-  EXPECT_NE(text.find("KvVideoFile: Elements could not be linked  !!!"), std::string::npos);
+  EXPECT_TRUE(cap.Has("KvVideoFile: video decoder does not start yet !!!"));
+  EXPECT_TRUE(cap.Has("KvVideoFile: Elements could not be linked  !!!"));
 }
 
 }  // namespace

@@ -63,8 +63,6 @@ TEST(LiveStreamRtsp, SenderTimeAfterTheFirstReportFullRateAndAPromptStop) {
     w = std::max<int64_t>(w, std::llabs(static_cast<int64_t>(ts) - wall_ns));
   }
   const double fps = (stamped - 1) / ((last_ns - first_ns) / 1e9);
-  printf("%.2f frames/s, worst skew %.1f ms (%.1f ms settling)\n", fps, worst / 1e6,
-         worst_settling / 1e6);
   EXPECT_GE(fps, 29.0);
   EXPECT_LT(worst, kToleranceNs);
   EXPECT_LT(worst_settling, kSettlingToleranceNs);

@@ -19,7 +19,6 @@ namespace qo {
 namespace {
 
 namespace media = testmedia;
-using testutil::Frame;
 using testutil::StdoutCapture;
 using testutil::ThreadCount;
 using Props = std::vector<std::pair<const char*, int>>;
@@ -34,12 +33,6 @@ qo_StrmHandle OpenStarted(const std::string& uri, int type) {
   return h;
 }
 
-bool Drain(qo_StrmHandle h, std::vector<Frame>* frames, int timeout_s = 5) {
-  return testutil::DrainFrames<qo_StreamInfo>(
-      [&](qo_StreamInfo* info) { qo_VideoStreamGetFrame(h, info, timeout_s); },
-      qo_VideoStreamFrameFree, frames);
-}
-
 // Each step of a stream's life and the lines it prints ("{id}" and
 // "{path}" stand for the first stream's id and file); the bus watch prints
 // from its own thread, so lines are waited for.
@@ -48,19 +41,16 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
   ASSERT_EQ(ThreadCount("Gstloop"), 0);
   StdoutCapture cap;
   qo_StrmHandle a = nullptr, b = nullptr;
-  std::vector<Frame> frames;
   const std::string pl = "#########pl#{id} state change:old: ";
   const struct {
     std::function<void()> act;
-    int loops;  // "Gstloop" threads afterwards
     std::vector<std::string> lines;
+    int loops = 1;  // "Gstloop" threads afterwards
   } steps[] = {
-      {[&] { a = qo_VideoStreamOpen(uri.c_str()); }, 1, {"------->task: running main loop!"}},
+      {[&] { a = qo_VideoStreamOpen(uri.c_str()); }, {"------->task: running main loop!"}},
       {[&] { qo_VideoStreamCfg(a, "stream-type", 32); },
-       1,
        {"$>qo_VideoStreamCfg():set pipeline[{id}] property \"stream-type\"=32 success!\n"}},
       {[&] { EXPECT_EQ(qo_VideoStreamStart(a), 0); },
-       1,
        {"$$$$>p#{id} full string=filesrc name=src location={path} ! h265parse ! "
         "video/x-h265,stream-format=byte-stream,alignment=(string) au ! appsink name=appsink "
         "async=false sync=false\n",
@@ -68,27 +58,25 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
         pl + "PAUSED,current: PLAYING,pending: VOID_PENDING #########\n",
         "############# pl#{id} switch state[4] #############\n"}},
       {[&] { qo_VideoStreamCfg(a, "width", 640); },
-       1,
        {"#>qo_VideoStreamCfg():warn,unable to set property \"width\"=640 to file pipeline!\n"}},
       {[&] { b = OpenStarted(uri, QO_PIX_FMT_H264); },
-       1,
        {"$>qo_VideoStreamInit():gst_init is already inited!\n"}},
       // The parser finds nothing in random bytes: its error is only
       // reported, and the end of the stream still arrives.
-      {[&] { EXPECT_TRUE(Drain(a, &frames)); },
-       1,
+      {[&] {
+         qo_StreamInfo info{};
+         qo_VideoStreamGetFrame(a, &info, 5);
+         EXPECT_TRUE(info.data == nullptr && info.eos == 1);
+       },
        {"GStreamer ERROR: No valid frames found before end of stream",
         "$$$$>pl#{id} receive EOS msg!\n", "--------->video in recived eos from stream !!!!"}},
       {[&] { EXPECT_EQ(qo_VideoStreamStop(a), 0); },
-       1,
        {"----->pl{id} spent time:0 ms or wait eos\n"}},
       // Close's own state changes may go unprinted: the bus watch goes with the stream.
-      {[&] { qo_VideoStreamClose(a); },
-       1,
-       {"#>qo_VideoStreamDeinit():warn ! 1 pipelines active!\n"}},
-      {[&] { qo_VideoStreamClose(b); }, 0, {"------->task: exit main loop!"}},
+      {[&] { qo_VideoStreamClose(a); }, {"#>qo_VideoStreamDeinit():warn ! 1 pipelines active!\n"}},
+      {[&] { qo_VideoStreamClose(b); }, {"------->task: exit main loop!"}, 0},
       // A new loop and thread; GStreamer is not set up again.
-      {[&] { qo_VideoStreamClose(OpenStarted(uri, QO_PIX_FMT_H264)); }, 0, {}},
+      {[&] { qo_VideoStreamClose(OpenStarted(uri, QO_PIX_FMT_H264)); }, {}, 0},
   };
   int id = -1;
   for (const auto& step : steps) {
@@ -104,10 +92,9 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
     EXPECT_EQ(ThreadCount("Gstloop"), step.loops);
   }
   const std::string text = cap.Finish();
-  EXPECT_TRUE(frames.empty());
-  EXPECT_EQ(testutil::CountOf(text, "------->task: running main loop!"), 2u);
-  EXPECT_EQ(testutil::CountOf(text, "------->task: exit main loop!"), 2u);
-  EXPECT_EQ(testutil::CountOf(text, "gst_init is already inited!"), 2u);
+  for (const char* line : {"------->task: running main loop!", "------->task: exit main loop!",
+                           "gst_init is already inited!"})
+    EXPECT_EQ(testutil::CountOf(text, line), 2u) << line;
 }
 
 constexpr char kCamera[] = "v4l2:///dev/qo-absent-video0";
@@ -142,16 +129,13 @@ TEST(LiveStreamCompose, CameraStringsCarryFormatSizeRateAndControls) {
   const std::pair<int, std::string> formats[] = {
       {0, "NV12"}, {3, "YUY2"}, {31, "h264parse ! video/x-h264" + au}, {33, "image/jpeg"}};
   for (const auto& [type, stage] : formats) {
-    std::string printed;
+    std::string printed;  // no device: the start fails after the string was built
     const std::string caps = type < 31 ? "video/x-raw,format=(string)" + stage : stage;
-    EXPECT_EQ(
-        LaunchString(kCamera,
-                     {{"stream-type", type}, {"width", 640}, {"height", 480}, {"framerate", 30}},
-                     &printed),
-        Camera("", caps + ",width=640,height=480,framerate=30/1"));
-    // No device: the start fails after the string was built.
-    EXPECT_NE(printed.find("$$$$>pl set state changed is failure return:-1...\n"),
-              std::string::npos);
+    const Props props = {{"stream-type", type}, {"width", 640}, {"height", 480}, {"framerate", 30}};
+    EXPECT_EQ(LaunchString(kCamera, props, &printed),
+              Camera("", caps + ",width=640,height=480,framerate=30/1"));
+    EXPECT_EQ(testutil::CountOf(printed, "$$$$>pl set state changed is failure return:-1...\n"),
+              1u);
   }
   const std::pair<Props, std::string> controls[] = {
       {{{"exposure", 100}}, ""},  // exposure alone does nothing

@@ -38,12 +38,10 @@ inline std::vector<int32_t> ExtFields(const NDArray& a) {
   return {e.format, e.kind, e.zero0, e.zero1, e.width, e.height, e.zero2};
 }
 
-// The video input node as a class, for what no global function reaches.
+// The video input node as a class, for its frame wrapping.
 class VideoInputProbe : public mm::VideoInput {
  public:
   using mm::VideoInput::WrapFrame;
-  int32_t mode() const { return mode_; }
-  uint8_t gain() const { return gain_; }
 };
 
 }  // namespace nodetest
