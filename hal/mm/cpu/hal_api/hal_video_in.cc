@@ -106,7 +106,18 @@ void BusWatchReleased(gpointer user_data) {
 }
 
 int GstPipelineStart(MultiStreamPipeline* proxy) {
+  // A file can fill the appsink before the switch to PLAYING returns, and
+  // nobody pulls yet: the streaming thread then waits in the sink holding
+  // locks the rest of the switch needs. The sink takes whatever arrives
+  // during the switch and gets its limits back afterwards.
+  GstAppSink* sink = GST_APP_SINK(proxy->appsink);
+  const guint max_buffers = gst_app_sink_get_max_buffers(sink);
+  const gboolean wait_on_eos = gst_app_sink_get_wait_on_eos(sink);
+  gst_app_sink_set_max_buffers(sink, 0);
+  gst_app_sink_set_wait_on_eos(sink, FALSE);
   int ret = PipelineSwitchState(proxy, GST_STATE_PLAYING, GST_STATE_PLAYING);
+  gst_app_sink_set_max_buffers(sink, max_buffers);
+  gst_app_sink_set_wait_on_eos(sink, wait_on_eos);
   if (ret == -1) {
     HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
     return -1;
