@@ -6,8 +6,6 @@
 
 namespace qomm {
 
-namespace {
-
 std::string ProgramDir() {
   char buf[4096];
   ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
@@ -17,8 +15,6 @@ std::string ProgramDir() {
   size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : path.substr(0, slash);
 }
-
-}  // namespace
 
 std::vector<std::string> SampleDirs() {
   // An installed tree may have been moved: look beside the program first.

@@ -8,6 +8,8 @@
 
 namespace qomm {
 
+// Directory of this program, without the trailing slash ("." if unknown).
+std::string ProgramDir();
 // Directories searched, in order.
 std::vector<std::string> SampleDirs();
 // Path of the sample `name` ("sample.h264"), or "" when none is readable.

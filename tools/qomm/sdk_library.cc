@@ -4,27 +4,13 @@
 #include <unistd.h>
 
 #include "core/qo_logging.h"
+#include "samples.h"
 
 namespace qomm {
 
 void* SdkLibrary::handle_ = nullptr;
 std::string SdkLibrary::path_;
 std::string SdkLibrary::requested_path_;
-
-namespace {
-
-// Directory of this program, without the trailing slash.
-std::string ProgramDir() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-  if (n <= 0) return ".";
-  buf[n] = '\0';
-  std::string path(buf);
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
-}  // namespace
 
 // The build tree keeps the library one level above the program, an install
 // in the library directory next to bin/; last comes the loader's own search.
