@@ -39,6 +39,7 @@ struct State {  // one "live555src-state" element message
   std::string state, reason;
   unsigned attempt = 0, delay_ms = 0;
   int64_t at_ms = 0;
+  size_t samples_before = 0;  // samples taken when the message was
 };
 
 // "live555src name=src <props> ! <stage> ! appsink". The test's thread pulls
@@ -132,6 +133,7 @@ class Receiver {
         gst_structure_has_name(s, "live555src-state")) {
       State st;
       st.at_ms = NowMs();
+      st.samples_before = samples.size();
       st.state = gst_structure_get_string(s, "state");
       if (const char* v = gst_structure_get_string(s, "reason")) st.reason = v;
       gst_structure_get_uint(s, "attempt", &st.attempt);
@@ -277,12 +279,13 @@ TEST_F(Live555SrcTest, ReconnectsAfterRestartDropAndRefusal) {
       EXPECT_LE(states[i].delay_ms, step) << "attempt " << retries;
     }
     // 2.5 s of refusals with delays of 50, 100, 200, 400, 400 ms (or half):
-    // five attempts or more, but a slow (sanitised) build gets through fewer.
-    EXPECT_TRUE(fault != "refuse" || retries >= 3) << retries << " retries";
-    // The new connection's first frame follows the longest pause.
-    size_t first = before;
-    auto gap = [&](size_t k) { return rx.samples[k].arrival_ns - rx.samples[k - 1].arrival_ns; };
-    for (size_t i = before; i < rx.samples.size(); ++i) first = gap(i) > gap(first) ? i : first;
+    // five attempts or more on an idle machine, but each attempt builds a new
+    // RTSP client, and a loaded or sanitised run gets through fewer.
+    EXPECT_TRUE(fault != "refuse" || retries >= 2) << retries << " retries";
+    // The lost connection's data is dropped while retrying, so the first
+    // frame taken after the successful attempt began is the new one's first.
+    const size_t first = states[back - 1].samples_before;
+    ASSERT_LT(first, rx.samples.size());
     EXPECT_FALSE(rx.samples[first].delta) << "resumed on a delta unit";
   }
   GstPad* now = gst_element_get_static_pad(rx.src, "src");
