@@ -737,26 +737,34 @@ static guint live555_src_backoff_ms(GstLive555Src* self, guint attempt) {
   return delay < lo ? lo : delay;
 }
 
+/* Loses the connection once `limit` has passed; else looks again then.
+ * Call with lock. */
+static void live555_src_expire_locked(GstLive555Src* self, gint64 now, gint64 limit,
+                                      const gchar* reason, gint64* deadline) {
+  if (now >= limit) {
+    live555_src_lose_locked(self, reason);
+    *deadline = now;
+  } else {
+    *deadline = limit;
+  }
+}
+
 typedef enum { WATCH_WAIT, WATCH_TEARDOWN, WATCH_BUILD } Live555WatchAction;
 
 /* What the connection needs now; sets *deadline for the next look. Call
  * with lock. */
 static Live555WatchAction live555_src_watch_next(GstLive555Src* self, gint64* deadline) {
   gint64 now = g_get_monotonic_time();
-  gint64 limit;
 
   *deadline = -1;
   if (!self->watch_playing || g_atomic_int_get(&self->eos_requested)) return WATCH_WAIT;
   switch (self->conn) {
     case CONN_CONNECTING:
       if (!self->reconnect || self->connect_timeout_ms == 0) break;
-      limit = self->attempt_start + (gint64)self->connect_timeout_ms * G_TIME_SPAN_MILLISECOND;
-      if (now >= limit) {
-        live555_src_lose_locked(self, "no data from the server within connect-timeout");
-        *deadline = now;
-      } else {
-        *deadline = limit;
-      }
+      live555_src_expire_locked(
+          self, now,
+          self->attempt_start + (gint64)self->connect_timeout_ms * G_TIME_SPAN_MILLISECOND,
+          "no data from the server within connect-timeout", deadline);
       break;
     case CONN_STREAMING:
       if (!self->reconnect || self->timeout_ms == 0) break;
@@ -765,13 +773,9 @@ static Live555WatchAction live555_src_watch_next(GstLive555Src* self, gint64* de
         *deadline = now + (gint64)self->timeout_ms * G_TIME_SPAN_MILLISECOND;
         break;
       }
-      limit = self->last_data + (gint64)self->timeout_ms * G_TIME_SPAN_MILLISECOND;
-      if (now >= limit) {
-        live555_src_lose_locked(self, "no data from the server within timeout");
-        *deadline = now;
-      } else {
-        *deadline = limit;
-      }
+      live555_src_expire_locked(
+          self, now, self->last_data + (gint64)self->timeout_ms * G_TIME_SPAN_MILLISECOND,
+          "no data from the server within timeout", deadline);
       break;
     case CONN_LOST:
       if (!self->reconnect) break;
