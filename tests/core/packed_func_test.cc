@@ -1,9 +1,16 @@
-// Argument conversions and packing, and the owning return slot.
+// Argument conversions and packing, type texts, the owning return slot and
+// the parameter store's refusals.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+#include <tuple>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "core/qo_packed_func.h"
+#include "core/qo_prop.h"
 #include "core/qo_registry.h"
 #include "test_common.h"
 
@@ -66,6 +73,41 @@ TEST(PackedFuncTest, ConversionsPackingAndTheirExactFailures) {
   EXPECT_THROW((*qo::Registry::Get("qo.test.pack"))(1), qo::Error);  // reads arg[3] of 1
 }
 
+std::vector<int> Fields(DLDataType t) { return {t.code, t.bits, t.lanes}; }
+
+// Type texts: the width is read as 8 bits and 0 falls back to 32; what the
+// parser leaves unread is refused, an unknown name even before that.
+TEST(PackedFuncTest, TypeTextsParseAndPrintBack) {
+  const struct {
+    std::string text;
+    std::vector<int> fields;  // code, bits, lanes
+    std::string printed;
+  } types[] = {
+      {"int8", {kDLInt, 8, 1}, "int8"},
+      {"int", {kDLInt, 32, 1}, "int32"},
+      {"int256", {kDLInt, 32, 1}, "int32"},
+      {"uint16", {kDLUInt, 16, 1}, "uint16"},
+      {"float32x4", {kDLFloat, 32, 4}, "float32x4"},
+      {"handle", {qo::kHandle, 64, 1}, "handle"},
+      {"bool", {kDLUInt, 1, 1}, "bool"},
+      {"", {qo::kHandle, 0, 0}, ""},
+  };
+  for (const auto& t : types) {
+    const DLDataType type = qo::String2QOType(t.text);
+    EXPECT_EQ(Fields(type), t.fields) << t.text;
+    EXPECT_EQ(qo::QOType2String(type), t.printed) << t.text;
+  }
+  const std::string unread = "Check failed: endpt == s.c_str() + s.length(): unknown type ";
+  for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+           {"int8y", unread + "int8y"},
+           {"float32x4x2", unread + "float32x4x2"},
+           {"bool8", "unknown type bool8"},
+       })
+    EXPECT_EQ(Body(ErrorText([&] { qo::String2QOType(text); })), message);
+  qo::testutil::LogCapture silenced(6);  // the unknown name still fails the end check
+  EXPECT_EQ(Body(ErrorText([] { qo::String2QOType("double"); })), unread + "double");
+}
+
 // Each owned value is released exactly once when the slot is overwritten
 // (the leak checker and the counter see both ways of getting it wrong).
 TEST(PackedFuncTest, ReturnSlotReleasesWhatItOwns) {
@@ -89,6 +131,50 @@ TEST(PackedFuncTest, ReturnSlotReleasesWhatItOwns) {
   EXPECT_EQ((*moved.AsFunc())().AsInt64(), 5);
   moved = 2.5;
   EXPECT_THROW(moved.AsInt64(), qo::Error);
+}
+
+// Only declared names of the right kind are set, within inclusive ranges;
+// a refused value leaves the old one. Reads of unknown names warn.
+TEST(PropTest, RefusalsAndWarningsNameKeyAndRange) {
+  qo::Prop p;
+  p.SetDefault("size", 0, 0, 10);
+  p.SetDefault("framerate", 25.0, 0.0, 120.0);
+  p.SetDefault("file", std::string("a"));
+  const std::string unknown = " not exist! Call SetDefault before Set.",
+                    range = "Check failed: (vs.low <= _val) && (vs.upper >= _val): ";
+  const std::pair<std::function<void()>, std::string> refusals[] = {
+      {[&] { p.Set("nope", 1); }, "Check failed: int_paras_.count(_key) > 0: key nope" + unknown},
+      {[&] { p.Set("size", 11); }, range + "size:11 exceeds range [0, 10]"},
+      {[&] { p.Set("size", -1); }, range + "size:-1 exceeds range [0, 10]"},
+      {[&] { p.Set("framerate", 120.5); }, range + "framerate:120.5 exceeds range [0, 120]"},
+      {[&] { p.Set("framerate", -0.25); }, range + "framerate:-0.25 exceeds range [0, 120]"},
+      {[&] { p.Set("size", 2.0); },
+       "Check failed: double_paras_.count(_key) > 0: key size" + unknown},
+      {[&] { p.Set("file", 1); }, "Check failed: int_paras_.count(_key) > 0: key file" + unknown},
+      {[&] { p.Set("size", "3"); },
+       "Check failed: string_paras_.count(_key) > 0: key size" + unknown},
+  };
+  for (const auto& [set, message] : refusals) EXPECT_EQ(Body(ErrorText(set)), message);
+  int size = -1;
+  double rate = -1;
+  std::string file = "?";
+  EXPECT_TRUE(p.Get("size", size) && p.Get("framerate", rate) && p.Get("file", file));
+  EXPECT_EQ(std::make_tuple(size, rate, file), std::make_tuple(0, 25.0, std::string("a")));
+  p.Set("size", 10);
+  p.Set("framerate", 0.0);
+  p.Set("file", static_cast<const char*>(nullptr));
+  EXPECT_TRUE(p.Get("size", size) && p.Get("framerate", rate) && p.Get("file", file));
+  EXPECT_EQ(std::make_tuple(size, rate, file), std::make_tuple(10, 0.0, std::string()));
+
+  for (int level : {3, 4}) {  // warnings of severity 3; the output is left alone
+    qo::testutil::LogCapture logs(level);
+    EXPECT_FALSE(p.Get("framerate", size) || p.Get("size", rate) || p.Get("size", file));
+    EXPECT_EQ(std::make_tuple(size, rate, file), std::make_tuple(10, 0.0, std::string()));
+    for (const char* line :
+         {": int_paras has no attribute framerate\n", ": double_paras has no attribute size\n",
+          ": string_paras has no attribute size\n"})
+      EXPECT_EQ(logs.Count(line), level == 3 ? 1u : 0u) << line;
+  }
 }
 
 }  // namespace
