@@ -1,6 +1,9 @@
-# Entry points for newcomers and CI. Every target installs what is missing
-# first (as root), so these work on a fresh Debian 12 machine.
+# Entry points for newcomers and CI. Every target installs the Debian packages
+# of its tier first (as root, see scripts/install-deps.sh), so these work on a
+# fresh Debian 12 machine; scripts/make runs them where make itself is missing.
 BUILD      ?= build/release
+PACKAGE_BUILD ?= build/package
+PREFIX     ?= /usr/local
 ASAN_BUILD ?= build/asan
 TSAN_BUILD ?= build/tsan
 FUZZ_BUILD ?= build/fuzz
@@ -15,26 +18,38 @@ SAN_ENV = ASAN_OPTIONS=detect_leaks=1:halt_on_error=1:abort_on_error=1:detect_st
           LSAN_OPTIONS=suppressions=$(CURDIR)/tests/lsan.supp:print_suppressions=0 \
           UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 
-.PHONY: all deps build demo test asan-test bench install clean tsan-test fuzz
+.PHONY: all deps deps-test deps-dev build demo test asan-test bench install package \
+        clean tsan-test fuzz
 
 all: build
 
 deps:
-	@bash scripts/install-deps.sh
+	@bash scripts/install-deps.sh build
+deps-test:
+	@bash scripts/install-deps.sh test
+deps-dev:
+	@bash scripts/install-deps.sh dev
+
+# The library, its plugin module and qomm; the test suite and the benchmarks
+# only where their targets ask for them.
+configure = cmake -S . -B $(1) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+NO_TESTS  = -DQO_BUILD_TESTS=OFF -DQO_BUILD_BENCH=OFF
 
 build: deps
-	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS)
+	$(call configure,$(BUILD)) $(NO_TESTS) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS)
 
 # The main job: the command-line host plays the bundled samples.
 demo: build
 	$(BUILD)/tools/qomm
 
-test: build
+test: deps-test
+	$(call configure,$(BUILD)) -DQO_BUILD_TESTS=ON -DQO_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j $(JOBS)
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
 
 # The whole suite again under AddressSanitizer and UndefinedBehaviorSanitizer.
-asan-test: deps
+asan-test: deps-dev
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 	  -DQO_SANITIZE=address,undefined -DQO_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
@@ -50,7 +65,7 @@ TSAN_ENV = TSAN_OPTIONS=suppressions=$(CURDIR)/tests/tsan.supp:halt_on_error=1:s
            LD_PRELOAD=$(CURDIR)/$(TSAN_BUILD)/tests/libqotsanglib.so \
            GSETTINGS_BACKEND=memory GIO_USE_PROXY_RESOLVER=dummy
 
-tsan-test: deps
+tsan-test: deps-dev
 	cmake -S . -B $(TSAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 	  -DQO_SANITIZE=thread -DQO_BUILD_BENCH=OFF $(CMAKE_ARGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
@@ -60,7 +75,7 @@ tsan-test: deps
 # AddressSanitizer and UndefinedBehaviorSanitizer (clang). Only the fuzzer and
 # what it links are built; the seeds are encoded now with the system's
 # encoders. Findings land in $(FUZZ_BUILD)/ as crash-* files.
-fuzz: deps
+fuzz: deps-dev
 	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
 	  -DQO_SANITIZE=address,undefined -DQO_BUILD_FUZZ=ON \
@@ -74,17 +89,30 @@ fuzz: deps
 
 # Throughput, latency, scale, start/stop and churn next to GStreamer and
 # FFmpeg (release build, about ten minutes): bench/results.md, bench/plots/.
-bench: deps
+bench: deps-dev
+	$(call configure,$(BUILD)) -DQO_BUILD_BENCH=ON $(CMAKE_ARGS) >/dev/null
 	BUILD=$(BUILD) bash scripts/bench.sh
 
-# A system install: libraries and headers under /usr/local, the live555src
-# plugin module into GStreamer's own plugin directory so gst-inspect-1.0 and
-# gst-launch-1.0 find it.
+# Libraries, headers, qomm and samples under $(PREFIX). Into /usr/local or
+# /usr the live555src plugin module goes to GStreamer's own plugin directory,
+# so gst-inspect-1.0 and gst-launch-1.0 find it, and the dynamic linker's cache
+# is refreshed; elsewhere it stays in $(PREFIX)/lib/gstreamer-1.0 (for
+# GST_PLUGIN_PATH) and programs find the libraries by their run path.
+PLUGIN_DIR_ARG = $(if $(filter /usr /usr/local,$(PREFIX)), \
+  -DQO_GST_PLUGIN_INSTALL_DIR=$$(pkg-config --variable=pluginsdir gstreamer-1.0), \
+  -UQO_GST_PLUGIN_INSTALL_DIR)
+
 install: deps
-	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) \
-	  -DQO_GST_PLUGIN_INSTALL_DIR=$$(pkg-config --variable=pluginsdir gstreamer-1.0)
+	$(call configure,$(BUILD)) $(NO_TESTS) -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(PLUGIN_DIR_ARG) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS)
 	cmake --install $(BUILD)
+
+# build/package/qosdkmm_<version>_amd64.deb: prefix /usr, so the plugin module
+# lands in GStreamer's plugin directory; Depends from dpkg-shlibdeps.
+package: deps
+	$(call configure,$(PACKAGE_BUILD)) $(NO_TESTS) -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_ARGS)
+	cmake --build $(PACKAGE_BUILD) -j $(JOBS)
+	cd $(PACKAGE_BUILD) && cpack -G DEB
 
 clean:
 	rm -rf build

@@ -1,27 +1,40 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages needed to build, test and benchmark the
-# library. Safe to run again: it only calls apt-get when something is missing.
+# Installs the Debian 12 packages of one tier, and of the tiers below it:
+#   build  compile the library and qomm, run the demo, make install/package
+#   test   + the test suite (GoogleTest, encoders for test streams, decoders
+#          for snapshots, gst-inspect-1.0)
+#   dev    + sanitizer builds, fuzzing (clang) and benchmarks
+#   fresh  debootstrap and git for scripts/check-fresh-machine.sh (alone)
+# Safe to run again: apt-get is called only when something is missing.
 set -euo pipefail
 
-packages=(
-  # toolchain
-  build-essential cmake ninja-build pkg-config git
-  # GStreamer core, base/app/video libraries and the RTSP server library
-  libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
-  libgstrtspserver-1.0-dev
-  # run-time elements: parsers, RTSP client, v4l2src, encoders, decoders
-  gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
-  gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
-  # the time overlay drawn on the bundled samples (scripts/gen-samples.sh)
-  gstreamer1.0-x
-  # tensor record layouts
-  libdlpack-dev
-  # the libFuzzer run (make fuzz): clang and its sanitizer runtimes
-  clang libclang-rt-14-dev
-  # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev ffmpeg gnuplot-nox
-  python3 procps psmisc
-)
+tier_packages() {
+  case $1 in
+    build) echo \
+      make build-essential cmake ninja-build pkg-config \
+      libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev \
+      libgstrtspserver-1.0-dev libdlpack-dev \
+      gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad ;;
+    test) echo "$(tier_packages build)" \
+      libgtest-dev libgmock-dev gstreamer1.0-tools \
+      gstreamer1.0-plugins-ugly gstreamer1.0-libav ;;
+    dev) echo "$(tier_packages test)" \
+      clang libclang-rt-14-dev libbenchmark-dev ffmpeg gnuplot-nox gstreamer1.0-x ;;
+    fresh) echo debootstrap git ;;
+    *) return 1 ;;
+  esac
+}
+
+if [ $# -eq 0 ]; then set -- build; fi
+packages=()
+for tier in "$@"; do
+  if ! list=$(tier_packages "$tier"); then
+    echo "install-deps: unknown tier '$tier' (build, test, dev or fresh)" >&2
+    exit 2
+  fi
+  read -ra words <<<"$list"
+  packages+=("${words[@]}")
+done
 
 missing=()
 for p in "${packages[@]}"; do
@@ -29,7 +42,6 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
-
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0
 fi
@@ -39,7 +51,23 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 1
 fi
 
-echo "install-deps: installing ${#missing[@]} package(s): ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq
-apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+echo "install-deps ($*): updating the package lists"
+apt-get update -q
+echo "install-deps ($*): installing ${missing[*]} and what they need"
+# apt's summary stays visible, with one line as each phase (download,
+# unpacking, configuration) starts; package lists and per-package lines do not.
+apt-get install -y -q --no-install-recommends -o Dpkg::Use-Pty=0 "${missing[@]}" |
+  while IFS= read -r line; do
+    case $line in
+      Get:*) phase="downloading" ;;
+      Unpacking*) phase="unpacking" ;;
+      "Setting up"*) phase="configuring" ;;
+      "Selecting previously"* | "Preparing to unpack"* | "(Reading database"* | " "* | *:) continue ;;
+      *) echo "$line"; continue ;;
+    esac
+    case " ${shown:-} " in
+      *" $phase "*) ;;
+      *) echo "install-deps ($*): $phase"; shown="${shown:-} $phase" ;;
+    esac
+  done

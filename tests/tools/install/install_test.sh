@@ -1,17 +1,44 @@
 #!/usr/bin/env bash
-# Installs the build into a scratch prefix; a host program outside the tree
-# builds against it with pkg-config and with find_package; the GStreamer
-# element loads from there; nothing of ours beyond the API is exported.
+# Installs the build into a scratch prefix, as a user with a custom prefix
+# would, and uses it from outside the tree without LD_LIBRARY_PATH: the
+# libraries find each other by their run path; the README's host example and a
+# host program build against it with pkg-config and with find_package and run;
+# qomm plays an installed sample; the GStreamer element loads from there;
+# nothing of ours beyond the API is exported.
 set -euo pipefail
 build_dir=$1
 src_dir=$(cd "$(dirname "$0")" && pwd)
+readme=$src_dir/../../../README.md
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+unset LD_LIBRARY_PATH
+fail() { echo "install test: $*" >&2; exit 1; }
 
 # DESTDIR keeps every file, absolute destinations included, inside $work.
 DESTDIR="$work/stage" cmake --install "$build_dir" >/dev/null
 libdir=$(dirname "$(find "$work/stage" -name libqosdkmm.so -print -quit)")
-export PKG_CONFIG_PATH=$libdir/pkgconfig LD_LIBRARY_PATH=$libdir
+prefix=$(find "$work/stage" -path '*/bin/qomm' -print -quit)
+prefix=${prefix%/bin/qomm}
+sample=$(find "$work/stage" -path '*/qosdkmm/samples/sample.h264' -print -quit)
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+# A build for /usr leaves finding the libraries to the system (ldconfig), so
+# its pkg-config file carries no run path.
+if ! pkg-config --libs qosdkmm | grep -q -- '-rpath'; then export LD_LIBRARY_PATH=$libdir; fi
+
+for lib in libqocore.so libqosdkmm.so; do
+  readelf -d "$libdir/$lib" | grep -q 'RUNPATH.*\[\$ORIGIN\]' || fail "$lib has no \$ORIGIN run path"
+done
+env -u LD_LIBRARY_PATH ldd "$libdir/libqosdkmm.so" | grep -q "libqocore.so.0 => $libdir/libqocore.so.0" ||
+  fail "libqosdkmm.so does not find libqocore.so.0 beside it"
+
+# The README's example, word for word, on the installed sample.
+awk '/^```c\+\+$/ {f = 1; next} /^```$/ {f = 0} f' "$readme" >"$work/readme_host.cc"
+# shellcheck disable=SC2046
+g++ -std=c++17 -o "$work/readme-host" "$work/readme_host.cc" $(pkg-config --cflags --libs qosdkmm)
+"$work/readme-host" "$sample" >"$work/readme-host.out" 2>"$work/readme-host.err"
+# (The decoder layer's own messages to standard output may precede a line.)
+frames=$(grep -o 'frame of [0-9]* bytes$' "$work/readme-host.out" | wc -l)
+[ "$frames" -gt 0 ] || fail "the README's host example printed no frames"
 
 # shellcheck disable=SC2046
 g++ -std=c++17 -o "$work/host-pc" "$src_dir/host.cc" $(pkg-config --cflags --libs qosdkmm)
@@ -25,10 +52,16 @@ cmake -S "$work/cm" -B "$work/cm/build" -G Ninja -Dqosdkmm_DIR="$libdir/cmake/qo
 cmake --build "$work/cm/build" >/dev/null
 "$work/cm/build/host" | grep -qx "created file_in node"
 
+# The installed qomm loads the installed library and plays the same frames.
+"$prefix/bin/qomm" play "$sample" --framerate 0 -q >"$work/qomm.out" 2>&1 ||
+  { cat "$work/qomm.out"; fail "installed qomm failed"; }
+grep -q "^  frames: *$frames," "$work/qomm.out" ||
+  { cat "$work/qomm.out"; fail "installed qomm did not report $frames frames"; }
+
 inspect=$(GST_PLUGIN_PATH=$libdir/gstreamer-1.0 GST_REGISTRY=$work/registry.bin \
   gst-inspect-1.0 live555src)
 for prop in location max-bytes protocols eos; do
-  grep -q "^  $prop  *:" <<<"$inspect" || { echo "live555src lacks $prop"; exit 1; }
+  grep -q "^  $prop  *:" <<<"$inspect" || fail "live555src lacks $prop"
 done
 
 nm -D --defined-only "$libdir/libqosdkmm.so" | awk '{print $3}' | c++filt |
