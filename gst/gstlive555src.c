@@ -21,6 +21,11 @@
 #include "config.h"
 #endif
 
+#include <gio/gio.h>
+#include <gst/rtp/gstrtppayloads.h>
+#include <gst/rtsp/gstrtspurl.h>
+#include <gst/sdp/gstsdpmessage.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "gstlive555src.h"
@@ -87,6 +92,32 @@ typedef enum { CODEC_H264, CODEC_H265, CODEC_JPEG } Live555Codec;
 static const gchar* const conn_state_names[] = {"idle", "connecting", "streaming", "lost",
                                                 "retrying"};
 
+/* Why a connection was lost; the nicks are the "reason-code" field of the
+ * state messages (see gstlive555src.h). */
+typedef enum {
+  REASON_NONE,
+  REASON_REFUSED,
+  REASON_HOST_NOT_FOUND,
+  REASON_UNAUTHORIZED,
+  REASON_NOT_FOUND,
+  REASON_UNSUPPORTED_TRANSPORT,
+  REASON_NO_VIDEO,
+  REASON_NO_DATA,
+  REASON_ENDED,
+  REASON_ERROR,
+} Live555Reason;
+
+static const gchar* const reason_nicks[] = {
+    NULL,       "refused", "host-not-found", "unauthorized", "not-found", "unsupported-transport",
+    "no-video", "no-data", "ended",          "error"};
+
+/* Refusals that the next attempt will meet again: retried at the longest
+ * delay only, so that a wrong password or path does not hammer the server. */
+static gboolean live555_src_reason_is_permanent(Live555Reason reason) {
+  return reason == REASON_UNAUTHORIZED || reason == REASON_NOT_FOUND ||
+         reason == REASON_UNSUPPORTED_TRANSPORT || reason == REASON_NO_VIDEO;
+}
+
 struct _GstLive555Src {
   GstBin parent;
 
@@ -121,7 +152,10 @@ struct _GstLive555Src {
   gint64 last_data;        /* monotonic us: data from the server last seen */
   gint64 retry_at;         /* monotonic us: next attempt */
   GQueue pending_messages; /* GstStructure*, posted by the watch thread */
-  GRand* rand;             /* back-off jitter; watch thread only */
+  Live555Reason reason;    /* of the last loss */
+  gchar* reason_text;
+  GCancellable* lookup; /* host look-up that explains a failed connect */
+  GRand* rand;          /* back-off jitter; watch thread only */
 
   gint inflight; /* atomic: buffers being pushed downstream right now */
 
@@ -160,13 +194,19 @@ GType gst_live555_src_get_type(void) {
 /* Records a state change: logged now, posted by the watch thread (in order,
  * and never from a thread that holds locks of its own). Call with lock. */
 static void live555_src_set_conn_locked(GstLive555Src* self, Live555ConnState conn,
-                                        const gchar* reason, guint delay_ms) {
+                                        guint delay_ms) {
   GstStructure* s;
+  /* A loss and the retries after it say why. */
+  const gchar* reason = (conn == CONN_LOST || conn == CONN_RETRYING) && self->reason != REASON_NONE
+                            ? self->reason_text
+                            : NULL;
 
   g_atomic_int_set((gint*)&self->conn, conn);
   s = gst_structure_new(STATE_MESSAGE_NAME, "state", G_TYPE_STRING, conn_state_names[conn],
                         "attempt", G_TYPE_UINT, self->attempt, NULL);
-  if (reason) gst_structure_set(s, "reason", G_TYPE_STRING, reason, NULL);
+  if (reason)
+    gst_structure_set(s, "reason", G_TYPE_STRING, reason, "reason-code", G_TYPE_STRING,
+                      reason_nicks[self->reason], NULL);
   if (conn == CONN_RETRYING) gst_structure_set(s, "delay-ms", G_TYPE_UINT, delay_ms, NULL);
   if (conn == CONN_LOST) {
     GST_WARNING_OBJECT(self, "connection lost (attempt %u): %s", self->attempt,
@@ -180,9 +220,12 @@ static void live555_src_set_conn_locked(GstLive555Src* self, Live555ConnState co
 }
 
 /* The connection counts as lost (once per connection). Call with lock. */
-static void live555_src_lose_locked(GstLive555Src* self, const gchar* reason) {
+static void live555_src_lose_locked(GstLive555Src* self, Live555Reason reason, const gchar* text) {
   if (self->conn != CONN_CONNECTING && self->conn != CONN_STREAMING) return;
-  live555_src_set_conn_locked(self, CONN_LOST, reason, 0);
+  self->reason = reason;
+  g_free(self->reason_text);
+  self->reason_text = g_strdup(text);
+  live555_src_set_conn_locked(self, CONN_LOST, 0);
 }
 
 static gboolean live555_src_is_dropping(GstLive555Src* self) {
@@ -467,7 +510,7 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
     if (!current) {
       ret = GST_PAD_PROBE_DROP;
     } else {
-      live555_src_lose_locked(self, "the server ended the stream");
+      live555_src_lose_locked(self, REASON_ENDED, "the server ended the stream");
       /* Reconnecting: the loss is not the end of our stream. */
       if (self->reconnect) ret = GST_PAD_PROBE_DROP;
     }
@@ -486,7 +529,7 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
   self->last_data = g_get_monotonic_time();
   if (self->conn == CONN_CONNECTING) {
     /* Reported with the attempt that made it; the next loss counts anew. */
-    live555_src_set_conn_locked(self, CONN_STREAMING, NULL, 0);
+    live555_src_set_conn_locked(self, CONN_STREAMING, 0);
     self->attempt = 0;
   }
   wait.waiting = was_waiting = self->need_keyframe;
@@ -564,6 +607,18 @@ static GstFlowReturn live555_src_proxy_chain_list(GstPad* pad, GstObject* parent
 /* ------------------------------------------------------------------------ */
 /* Inner rtspsrc and depayloader                                            */
 
+/* The encoding of a stream: its a=rtpmap name, or for a static payload type
+ * announced without one (RFC 3551 allows that) the name the payload type
+ * stands for. */
+static const gchar* live555_src_encoding_of(const GstStructure* s) {
+  const gchar* encoding = gst_structure_get_string(s, "encoding-name");
+  const GstRTPPayloadInfo* info;
+  gint pt;
+  if (encoding || !gst_structure_get_int(s, "payload", &pt) || pt < 0 || pt >= 96) return encoding;
+  info = gst_rtp_payload_info_for_pt((guint8)pt);
+  return info ? info->encoding_name : NULL;
+}
+
 static const gchar* live555_src_depay_for(const gchar* encoding) {
   if (!encoding) return NULL;
   if (g_ascii_strcasecmp(encoding, "H264") == 0) return "rtph264depay";
@@ -584,7 +639,7 @@ static gboolean live555_src_select_stream(GstElement* rtspsrc, guint num, GstCap
   if (!caps || gst_caps_get_size(caps) == 0) return FALSE;
   s = gst_caps_get_structure(caps, 0);
   media = gst_structure_get_string(s, "media");
-  encoding = gst_structure_get_string(s, "encoding-name");
+  encoding = live555_src_encoding_of(s);
   if (g_strcmp0(media, "video") == 0 && live555_src_depay_for(encoding)) {
     g_mutex_lock(&self->lock);
     /* rtspsrc asks again when it retries the setup (e.g. over TCP). */
@@ -597,6 +652,33 @@ static gboolean live555_src_select_stream(GstElement* rtspsrc, guint num, GstCap
   GST_DEBUG_OBJECT(self, "stream %u (%s %s): %s", num, GST_STR_NULL(media), GST_STR_NULL(encoding),
                    take ? "selected" : "skipped");
   return take;
+}
+
+/* A description without any stream we can play is a refusal of its own:
+ * rtspsrc would set up nothing and wait. */
+static void live555_src_on_sdp(GstElement* rtspsrc, GstSDPMessage* sdp, gpointer user_data) {
+  GstLive555Src* self = GST_LIVE555_SRC(user_data);
+  guint i;
+  for (i = 0; i < gst_sdp_message_medias_len(sdp); ++i) {
+    const GstSDPMedia* media = gst_sdp_message_get_media(sdp, i);
+    GstCaps* caps;
+    gboolean playable = FALSE;
+    guint f;
+    if (g_strcmp0(gst_sdp_media_get_media(media), "video") != 0) continue;
+    for (f = 0; f < gst_sdp_media_formats_len(media) && !playable; ++f) {
+      caps = gst_sdp_media_get_caps_from_media(media, atoi(gst_sdp_media_get_format(media, f)));
+      if (caps && gst_caps_get_size(caps) > 0)
+        playable =
+            live555_src_depay_for(live555_src_encoding_of(gst_caps_get_structure(caps, 0))) != NULL;
+      if (caps) gst_caps_unref(caps);
+    }
+    if (playable) return;
+  }
+  g_mutex_lock(&self->lock);
+  if (!self->shutting_down && self->rtspsrc == rtspsrc)
+    live555_src_lose_locked(self, REASON_NO_VIDEO,
+                            "no H.264, H.265 or JPEG video stream in the server's description");
+  g_mutex_unlock(&self->lock);
 }
 
 /* A new connection waits for its own first key frame. Call with lock. */
@@ -621,8 +703,7 @@ static void live555_src_pad_added(GstElement* rtspsrc, GstPad* pad, gpointer use
   caps = gst_pad_get_current_caps(pad);
   if (!caps) caps = gst_pad_query_caps(pad, NULL);
   if (caps && gst_caps_get_size(caps) > 0)
-    factory = live555_src_depay_for(
-        gst_structure_get_string(gst_caps_get_structure(caps, 0), "encoding-name"));
+    factory = live555_src_depay_for(live555_src_encoding_of(gst_caps_get_structure(caps, 0)));
   GST_DEBUG_OBJECT(self, "rtspsrc pad %s:%s with caps %" GST_PTR_FORMAT, GST_DEBUG_PAD_NAME(pad),
                    caps);
   if (caps) gst_caps_unref(caps);
@@ -684,6 +765,7 @@ static gboolean live555_src_build_inner(GstLive555Src* self) {
   g_mutex_unlock(&self->lock);
 
   g_signal_connect(rtspsrc, "select-stream", G_CALLBACK(live555_src_select_stream), self);
+  g_signal_connect(rtspsrc, "on-sdp", G_CALLBACK(live555_src_on_sdp), self);
   g_signal_connect(rtspsrc, "pad-added", G_CALLBACK(live555_src_pad_added), self);
   gst_bin_add(GST_BIN(self), rtspsrc);
   return TRUE;
@@ -742,14 +824,14 @@ static guint live555_src_backoff_ms(GstLive555Src* self, guint attempt) {
 static void live555_src_expire_locked(GstLive555Src* self, gint64 now, gint64 limit,
                                       const gchar* reason, gint64* deadline) {
   if (now >= limit) {
-    live555_src_lose_locked(self, reason);
+    live555_src_lose_locked(self, REASON_NO_DATA, reason);
     *deadline = now;
   } else {
     *deadline = limit;
   }
 }
 
-typedef enum { WATCH_WAIT, WATCH_TEARDOWN, WATCH_BUILD } Live555WatchAction;
+typedef enum { WATCH_WAIT, WATCH_TEARDOWN, WATCH_BUILD, WATCH_EOS } Live555WatchAction;
 
 /* What the connection needs now; sets *deadline for the next look. Call
  * with lock. */
@@ -757,7 +839,10 @@ static Live555WatchAction live555_src_watch_next(GstLive555Src* self, gint64* de
   gint64 now = g_get_monotonic_time();
 
   *deadline = -1;
-  if (!self->watch_playing || g_atomic_int_get(&self->eos_requested)) return WATCH_WAIT;
+  if (!self->watch_playing) return WATCH_WAIT;
+  if (g_atomic_int_get(&self->eos_requested))
+    return g_atomic_int_get(&self->eos_pushed) || !g_atomic_int_get(&self->playing) ? WATCH_WAIT
+                                                                                    : WATCH_EOS;
   switch (self->conn) {
     case CONN_CONNECTING:
       if (!self->reconnect || self->connect_timeout_ms == 0) break;
@@ -825,9 +910,11 @@ static gboolean live555_src_watch_act(GstLive555Src* self, Live555WatchAction ac
     live555_src_teardown_inner(self);
     g_mutex_lock(&self->lock);
     self->attempt++;
-    delay = live555_src_backoff_ms(self, self->attempt);
+    delay = live555_src_reason_is_permanent(self->reason)
+                ? MAX(self->retry_delay_max_ms, self->retry_delay_min_ms)
+                : live555_src_backoff_ms(self, self->attempt);
     self->retry_at = g_get_monotonic_time() + (gint64)delay * G_TIME_SPAN_MILLISECOND;
-    live555_src_set_conn_locked(self, CONN_RETRYING, NULL, delay);
+    live555_src_set_conn_locked(self, CONN_RETRYING, delay);
     g_mutex_unlock(&self->lock);
   } else {
     built = live555_src_build_inner(self);
@@ -839,8 +926,8 @@ static gboolean live555_src_watch_act(GstLive555Src* self, Live555WatchAction ac
     g_mutex_lock(&self->lock);
     self->attempt_start = g_get_monotonic_time();
     self->last_data = self->attempt_start;
-    live555_src_set_conn_locked(self, CONN_CONNECTING, NULL, 0);
-    if (!built) live555_src_lose_locked(self, "cannot start the RTSP client");
+    live555_src_set_conn_locked(self, CONN_CONNECTING, 0);
+    if (!built) live555_src_lose_locked(self, REASON_ERROR, "cannot start the RTSP client");
     g_mutex_unlock(&self->lock);
   }
   GST_STATE_UNLOCK(self);
@@ -866,6 +953,15 @@ static gpointer live555_src_watch(gpointer data) {
     if (self->watch_quit) break;
 
     action = live555_src_watch_next(self, &deadline);
+    if (action == WATCH_EOS) {
+      /* May wait until downstream takes a buffer or flushes; the element's
+       * own state changes never wait for this thread before the sinks have
+       * flushed (PAUSED->READY runs downstream first). */
+      g_mutex_unlock(&self->lock);
+      live555_src_push_eos(self);
+      g_mutex_lock(&self->lock);
+      continue;
+    }
     if (action != WATCH_WAIT) {
       if (live555_src_watch_act(self, action)) continue;
       deadline = g_get_monotonic_time() + WATCH_RECHECK_US;
@@ -887,8 +983,9 @@ static void live555_src_watch_start(GstLive555Src* self) {
   self->watch_playing = FALSE;
   self->attempt = 0;
   self->attempt_start = self->last_data = g_get_monotonic_time();
-  live555_src_set_conn_locked(self, CONN_CONNECTING, NULL, 0);
+  live555_src_set_conn_locked(self, CONN_CONNECTING, 0);
   g_mutex_unlock(&self->lock);
+  g_cancellable_reset(self->lookup);
   self->watch_thread = g_thread_new("live555src", live555_src_watch, self);
 }
 
@@ -896,6 +993,7 @@ static void live555_src_watch_start(GstLive555Src* self) {
  * it (the element is leaving the running states). */
 static void live555_src_watch_stop(GstLive555Src* self) {
   GstStructure* s;
+  g_cancellable_cancel(self->lookup);
   g_mutex_lock(&self->lock);
   self->watch_quit = TRUE;
   g_cond_broadcast(&self->watch_cond);
@@ -926,6 +1024,78 @@ static void live555_src_watch_set_playing(GstLive555Src* self, gboolean playing)
 /* ------------------------------------------------------------------------ */
 /* GstBin                                                                   */
 
+/* rtspsrc says "Failed to connect" for a refused connection and for a name
+ * that does not resolve alike; a look-up of the host tells them apart. */
+static Live555Reason live555_src_connect_failure(GstLive555Src* self, gchar** text) {
+  GstRTSPUrl* url = NULL;
+  Live555Reason reason = REASON_REFUSED;
+  GCancellable* lookup;
+  GResolver* resolver;
+  GList* found;
+  GError* err = NULL;
+
+  g_mutex_lock(&self->lock);
+  if (self->location) gst_rtsp_url_parse(self->location, &url);
+  lookup = g_object_ref(self->lookup);
+  g_mutex_unlock(&self->lock);
+  if (url && url->host && !g_hostname_is_ip_address(url->host)) {
+    resolver = g_resolver_get_default();
+    found = g_resolver_lookup_by_name(resolver, url->host, lookup, &err);
+    if (found) {
+      g_resolver_free_addresses(found);
+    } else if (!g_error_matches(err, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+      reason = REASON_HOST_NOT_FOUND;
+      *text = g_strdup_printf("host not found: %s", url->host);
+    }
+    g_clear_error(&err);
+    g_object_unref(resolver);
+  }
+  if (reason == REASON_REFUSED)
+    *text = url && url->host ? g_strdup_printf("cannot connect to %s:%u (connection refused)",
+                                               url->host, url->port)
+                             : g_strdup("cannot connect (connection refused)");
+  g_object_unref(lookup);
+  if (url) gst_rtsp_url_free(url);
+  return reason;
+}
+
+/* Turns an error of the RTSP client into a reason a host can show. */
+static Live555Reason live555_src_classify_error(GstLive555Src* self, const GError* err,
+                                                gchar** text) {
+  gboolean selected;
+  if (err && err->domain == GST_RESOURCE_ERROR) {
+    switch (err->code) {
+      case GST_RESOURCE_ERROR_NOT_AUTHORIZED:
+        *text = g_strdup("the server refused the credentials (401 Unauthorized)");
+        return REASON_UNAUTHORIZED;
+      case GST_RESOURCE_ERROR_NOT_FOUND:
+        *text = g_strdup("the server has no such stream (404 Not Found)");
+        return REASON_NOT_FOUND;
+      case GST_RESOURCE_ERROR_OPEN_READ:
+      case GST_RESOURCE_ERROR_OPEN_WRITE:
+      case GST_RESOURCE_ERROR_OPEN_READ_WRITE:
+        return live555_src_connect_failure(self, text);
+      default:
+        break;
+    }
+  }
+  if (err && err->domain == GST_STREAM_ERROR && err->code == GST_STREAM_ERROR_CODEC_NOT_FOUND) {
+    /* rtspsrc set up no stream: with a video stream selected, the server
+     * turned down every transport we allowed (461 to each SETUP). */
+    g_mutex_lock(&self->lock);
+    selected = self->video_stream >= 0;
+    g_mutex_unlock(&self->lock);
+    if (selected) {
+      *text = g_strdup("the server refused every allowed transport (461 Unsupported transport)");
+      return REASON_UNSUPPORTED_TRANSPORT;
+    }
+    *text = g_strdup("no H.264, H.265 or JPEG video stream in the server's description");
+    return REASON_NO_VIDEO;
+  }
+  *text = g_strdup(err ? err->message : "error");
+  return REASON_ERROR;
+}
+
 /* Errors of the inside (refused, unreachable, server gone) mean a lost
  * connection. While reconnecting they stay inside: the stream goes on. */
 static void gst_live555_src_handle_message(GstBin* bin, GstMessage* message) {
@@ -934,13 +1104,18 @@ static void gst_live555_src_handle_message(GstBin* bin, GstMessage* message) {
   if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR &&
       GST_MESSAGE_SRC(message) != GST_OBJECT(self)) {
     GError* err = NULL;
+    gchar* text = NULL;
     gboolean keep;
+    Live555Reason reason;
     gst_message_parse_error(message, &err, NULL);
+    reason = live555_src_classify_error(self, err, &text);
     g_mutex_lock(&self->lock);
-    if (!self->shutting_down) live555_src_lose_locked(self, err ? err->message : "error");
+    if (!self->shutting_down) live555_src_lose_locked(self, reason, text);
+    g_free(text);
     keep = self->reconnect;
     g_mutex_unlock(&self->lock);
-    GST_DEBUG_OBJECT(self, "error from %s: %s%s", GST_MESSAGE_SRC_NAME(message),
+    GST_DEBUG_OBJECT(self, "error from %s (%s %d): %s%s", GST_MESSAGE_SRC_NAME(message),
+                     err ? g_quark_to_string(err->domain) : "?", err ? err->code : 0,
                      err ? err->message : "?", keep ? " (reconnecting)" : "");
     g_clear_error(&err);
     if (keep) {
@@ -1047,9 +1222,11 @@ static void gst_live555_src_set_property(GObject* object, guint prop_id, const G
       break;
     case PROP_EOS:
       if (g_value_get_boolean(value)) {
+        /* The event goes out from the watch thread (or with the switch to
+         * PLAYING): a serialized event waits for the streaming thread, and
+         * that may wait in a full downstream queue that the caller itself
+         * would have to empty. */
         g_atomic_int_set(&self->eos_requested, 1);
-        live555_src_push_eos(self);
-        /* No more reconnecting: wake the watch thread to stand still. */
         g_mutex_lock(&self->lock);
         g_cond_broadcast(&self->watch_cond);
         g_mutex_unlock(&self->lock);
@@ -1136,6 +1313,8 @@ static void gst_live555_src_finalize(GObject* object) {
   while ((s = g_queue_pop_head(&self->pending_messages))) gst_structure_free(s);
   if (self->pending_headers) g_byte_array_unref(self->pending_headers);
   g_rand_free(self->rand);
+  g_object_unref(self->lookup);
+  g_free(self->reason_text);
   g_free(self->location);
   gst_caps_unref(self->unix_ts_caps);
   g_cond_clear(&self->watch_cond);
@@ -1183,11 +1362,11 @@ static void gst_live555_src_class_init(gpointer klass, gpointer data) {
   g_object_class_install_property(
       gobject_class, PROP_EOS,
       g_param_spec_boolean("eos", "End of stream",
-                           "Write TRUE to end the stream: end-of-stream is sent downstream at "
-                           "once (also when no server stream is set up yet, or while "
-                           "reconnecting) and nothing follows it; reconnection stops. It waits "
-                           "only for a buffer that downstream is holding up. Reset when the "
-                           "element goes back to READY.",
+                           "Write TRUE to end the stream: end-of-stream goes downstream from "
+                           "the element's own thread (also when no server stream is set up "
+                           "yet, or while reconnecting) and nothing follows it; reconnection "
+                           "stops. Setting it never blocks, also while downstream is full. "
+                           "Reset when the element goes back to READY.",
                            FALSE, rw));
   g_object_class_install_property(
       gobject_class, PROP_RECONNECT,
@@ -1251,6 +1430,7 @@ static void gst_live555_src_init(GTypeInstance* instance, gpointer klass) {
   g_cond_init(&self->watch_cond);
   g_queue_init(&self->pending_messages);
   self->rand = g_rand_new();
+  self->lookup = g_cancellable_new();
   self->location = g_strdup(DEFAULT_LOCATION);
   self->max_bytes = DEFAULT_MAX_BYTES;
   self->protocols = DEFAULT_PROTOCOLS;

@@ -14,6 +14,7 @@
 #include "core/qo_media_task.h"
 #include "core/qo_packed_func.h"
 #include "core/qo_registry.h"
+#include "hal_log.h"
 #include "hal_mm_video_in.h"
 #include "node/qo_video_in_node.h"
 
@@ -83,6 +84,13 @@ void VideoInput::SetGain(unsigned char gain) {
   LOG(3) << "stream obj is NULL !!!";
   // Kept only: a gain takes effect when set on a running node.
   gain_ = static_cast<uint8_t>(g);
+}
+
+int VideoInput::LastError(std::string* text) const {
+  char buf[256] = "";
+  const int code = stream_ != nullptr ? qo_VideoStreamLastError(stream_, buf, sizeof(buf)) : -1;
+  if (text) *text = buf;
+  return code;
 }
 
 void VideoInput::Start() {
@@ -346,8 +354,7 @@ void VideoInput::strm_file_save(void* data, unsigned long size, unsigned int id)
     if (strm_file_ != nullptr) {
       strm_file_opened_ = 1;
     } else {
-      fputs("strm storage file open failed\n", stdout);
-      fflush(stdout);
+      HalEmit(HalChannel::kVideoStream, "strm storage file open failed\n");
     }
   }
   if (strm_file_ == nullptr) return;
@@ -431,6 +438,20 @@ QO_REGISTER_GLOBAL("qo.mm.video.in.set.attr.string").set_body([](QOArgs args, QO
     return;
   }
   NodeOf(p)->GetProp().Set(key, v);
+});
+
+// Why the node's stream delivers no frames: the text, and its
+// qo_StreamError code (-1 for a node without a running stream).
+QO_REGISTER_GLOBAL("qo.mm.video.in.last.error").set_body([](QOArgs args, QORetValue* rv) {
+  void* p = args[0];
+  std::string text;
+  if (p != nullptr) NodeOf(p)->LastError(&text);
+  *rv = text;
+});
+
+QO_REGISTER_GLOBAL("qo.mm.video.in.last.error.code").set_body([](QOArgs args, QORetValue* rv) {
+  void* p = args[0];
+  *rv = p != nullptr ? NodeOf(p)->LastError(nullptr) : -1;
 });
 
 QO_REGISTER_GLOBAL("qo.mm.video.in.stream.type").set_body([](QOArgs args, QORetValue* rv) {

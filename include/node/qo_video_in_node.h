@@ -53,6 +53,11 @@ class QO_EXPORT VideoInput : public Thread {
   void SetMode(unsigned char mode);
   void SetGain(unsigned char gain);
 
+  // Why the running stream delivers no frames: a qo_StreamError code (0 when
+  // nothing is wrong) and its one-line text; -1 and "" without a stream (read
+  // it before Stop). Safe from any thread while the node runs.
+  int LastError(std::string* text) const;
+
  protected:
   static void* StreamOut(void* self);
   // Pulls one frame into frame; returns a Status.

@@ -36,7 +36,7 @@ struct Sample {
   int64_t sender_ns = -1, arrival_ns = 0;  // wall clock; -1: no sender time
 };
 struct State {  // one "live555src-state" element message
-  std::string state, reason;
+  std::string state, reason, reason_code;
   unsigned attempt = 0, delay_ms = 0;
   int64_t at_ms = 0;
   size_t samples_before = 0;  // samples taken when the message was
@@ -136,6 +136,7 @@ class Receiver {
       st.samples_before = samples.size();
       st.state = gst_structure_get_string(s, "state");
       if (const char* v = gst_structure_get_string(s, "reason")) st.reason = v;
+      if (const char* v = gst_structure_get_string(s, "reason-code")) st.reason_code = v;
       gst_structure_get_uint(s, "attempt", &st.attempt);
       gst_structure_get_uint(s, "delay-ms", &st.delay_ms);
       states.push_back(st);
@@ -223,6 +224,45 @@ TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
       EXPECT_EQ(udp == 0, protocols == 4) << "UDP sockets: " << udp;
       EXPECT_EQ(sized > 0, protocols == 1) << "max-bytes not on the RTP socket";
     }
+  }
+}
+
+// Servers as cameras are: a JPEG stream announced without a=rtpmap plays;
+// refusals that a retry meets again (401, 404, 461) say why and are retried
+// at the longest delay only, and "eos" ends the stream at once meanwhile.
+TEST_F(Live555SrcTest, TerseDescriptionsPlayAndRefusalsSayWhy) {
+  TestRtspServer server({{"mjpeg=mjpeg,terse-sdp", "udp=h264,udp-only"}, "", ""});
+  ASSERT_TRUE(server.Start()) << server.error();
+  TestRtspServer locked({{"h264=h264"}, "user", "secret"});
+  ASSERT_TRUE(locked.Start()) << locked.error();
+  {
+    Receiver rx("protocols=1 location=" + server.Url("mjpeg"), "image/jpeg");
+    rx.Set(GST_STATE_PLAYING);
+    ASSERT_TRUE(rx.WaitSamples(10, 10000)) << "terse JPEG stream did not play";
+    EXPECT_EQ(rx.samples.front().caps.rfind("image/jpeg", 0), 0u);
+  }
+  const struct {
+    std::string location, code, text;
+  } refusals[] = {
+      {server.Url("udp"), "unsupported-transport", "461"},
+      {server.Url("nothing-here"), "not-found", "404"},
+      {locked.Url("h264"), "unauthorized", "401"},
+      {locked.UrlWithCredentials("h264", "user", "wrong"), "unauthorized", "401"},
+  };
+  for (const auto& r : refusals) {
+    SCOPED_TRACE(r.code + " " + r.location);
+    Receiver rx("protocols=4 retry-delay-min=50 retry-delay-max=900 location=" + r.location);
+    rx.Set(GST_STATE_PLAYING);
+    const int lost = rx.WaitState("lost", 2000);
+    ASSERT_GE(lost, 0) << "no loss reported within 2 s";
+    EXPECT_EQ(rx.states[lost].reason_code, r.code);
+    EXPECT_NE(rx.states[lost].reason.find(r.text), std::string::npos) << rx.states[lost].reason;
+    const int retry = rx.WaitState("retrying", 2000, lost);
+    ASSERT_GE(retry, 0);
+    EXPECT_EQ(rx.states[retry].delay_ms, 900u);
+    EXPECT_EQ(rx.states[retry].reason_code, r.code);
+    ExpectPromptEos(&rx);
+    rx.ExpectPromptNull();
   }
 }
 

@@ -29,9 +29,11 @@ void Usage(const char* argv0) {
   std::fprintf(stderr,
                "usage: %s [--address A] [--port N] [--user U --password P]\n"
                "          [--rtcp-interval-ms N] [--stream] MOUNT=CODEC[,size=WxH][,fps=N]"
-               "[,key-int=N][,file=PATH] ...\n"
+               "[,key-int=N][,file=PATH][,udp-only][,terse-sdp] ...\n"
                "CODEC is h264, h265 or mjpeg; with file=PATH that elementary stream is\n"
-               "replayed in a loop instead of a live test pattern. Without streams:\n"
+               "replayed in a loop instead of a live test pattern. udp-only refuses RTP\n"
+               "over TCP (461); terse-sdp leaves out a=rtpmap for static payload types.\n"
+               "Without streams:\n"
                "h264=h264 h265=h265 mjpeg=mjpeg.\n",
                argv0);
 }

@@ -156,6 +156,8 @@ bool RtspStreamSpec::Parse(const std::string& text, RtspStreamSpec* out, std::st
       if (!ParseInt(val, &s.fps)) return fail("fps must be a positive number");
     } else if (key == "key-int") {
       if (!ParseInt(val, &s.key_int)) return fail("key-int must be a positive number");
+    } else if ((key == "udp-only" || key == "terse-sdp") && e == std::string::npos) {
+      (key == "udp-only" ? s.udp_only : s.terse_sdp) = true;
     } else if (key == "file") {
       if (val.empty()) return fail("file needs a path");
       s.file = val;
@@ -266,6 +268,37 @@ struct RtspServer::Impl {
     GSocket* socket = conn ? gst_rtsp_connection_get_write_socket(conn) : nullptr;
     if (socket) g_socket_set_option(socket, IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
     g_signal_connect(client, "closed", G_CALLBACK(OnClientClosed), self);
+    g_signal_connect(client, "send-message", G_CALLBACK(OnSendMessage), self);
+  }
+
+  bool IsTerse(const GstRTSPUrl* url) const {
+    if (!url || !url->abspath) return false;
+    for (const auto& s : streams) {
+      if (s.terse_sdp && s.mount == url->abspath) return true;
+    }
+    return false;
+  }
+
+  // Drops the a=rtpmap lines of static payload types (below 96) from the
+  // DESCRIBE answer of a terse mount.
+  static void OnSendMessage(GstRTSPClient*, GstRTSPContext* ctx, GstRTSPMessage* msg,
+                            gpointer data) {
+    if (!ctx || ctx->method != GST_RTSP_DESCRIBE || !static_cast<Impl*>(data)->IsTerse(ctx->uri))
+      return;
+    guint8* body = nullptr;
+    guint size = 0;
+    if (gst_rtsp_message_get_body(msg, &body, &size) != GST_RTSP_OK || size == 0) return;
+    std::string in(reinterpret_cast<const char*>(body), size), out;
+    for (size_t pos = 0; pos < in.size();) {
+      size_t end = in.find('\n', pos);
+      end = end == std::string::npos ? in.size() : end + 1;
+      const std::string line = in.substr(pos, end - pos);
+      pos = end;
+      if (line.rfind("a=rtpmap:", 0) == 0 && std::atoi(line.c_str() + 9) < 96) continue;
+      out += line;
+    }
+    gst_rtsp_message_set_body(msg, reinterpret_cast<const guint8*>(out.data()),
+                              static_cast<guint>(out.size()));
   }
 
   static void OnMediaPrepared(GstRTSPMedia* media, gpointer data) {
@@ -359,6 +392,7 @@ bool RtspServer::Start(std::string* error) {
     GstRTSPMediaFactory* factory = gst_rtsp_media_factory_new();
     gst_rtsp_media_factory_set_launch(factory, LaunchFor(s).c_str());
     gst_rtsp_media_factory_set_shared(factory, TRUE);
+    if (s.udp_only) gst_rtsp_media_factory_set_protocols(factory, GST_RTSP_LOWER_TRANS_UDP);
     if (auth) {
       gst_rtsp_media_factory_add_role(factory, "user", GST_RTSP_PERM_MEDIA_FACTORY_ACCESS,
                                       G_TYPE_BOOLEAN, TRUE, GST_RTSP_PERM_MEDIA_FACTORY_CONSTRUCT,

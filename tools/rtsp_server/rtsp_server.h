@@ -23,8 +23,13 @@ struct RtspStreamSpec {
   int fps = 30;
   int key_int = 30;  // frames between key frames (H.264 / H.265)
   std::string file;
+  // As some cameras do: RTP over UDP only (a TCP-interleaved SETUP gets
+  // "461 Unsupported transport"), and an SDP without a=rtpmap lines for
+  // static payload types (RFC 3551 allows it: JPEG is "m=video 0 RTP/AVP 26").
+  bool udp_only = false;
+  bool terse_sdp = false;
 
-  // Parses "MOUNT=CODEC[,size=WxH][,fps=N][,key-int=N][,file=PATH]",
+  // Parses "MOUNT=CODEC[,size=WxH][,fps=N][,key-int=N][,file=PATH][,udp-only][,terse-sdp]",
   // e.g. "cam=h264,size=1920x1080,fps=30" or "clip=h265,file=/tmp/a.h265".
   static bool Parse(const std::string& text, RtspStreamSpec* out, std::string* error);
 };

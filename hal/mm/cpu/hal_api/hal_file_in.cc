@@ -13,6 +13,7 @@
 
 #include "core/qo_c_runtime_api.h"
 #include "core/qo_c_type.h"
+#include "hal_log.h"
 #include "hal_mm_file_in.h"
 
 namespace {
@@ -47,14 +48,14 @@ static_assert(sizeof(std::atomic<gboolean>) == sizeof(gboolean), "eos keeps its 
 
 // Lines without their own line end in the message table are printed as whole
 // lines; the ones that carry explicit white space are printed verbatim.
-void PrintLine(const char* text) { std::printf("%s\n", text); }
+void PrintLine(const char* text) { HalEmitf(HalChannel::kVideoFile, "%s\n", text); }
 
 // True once Stop brought the pipeline down to READY. A starting pipeline is
 // in READY too while it prerolls, but its target is PLAYING.
 bool Stopped(GstElement* element) {
   GST_OBJECT_LOCK(element);
-  bool stopped = GST_STATE_TARGET(element) == GST_STATE_READY &&
-                 GST_STATE(element) == GST_STATE_READY;
+  bool stopped =
+      GST_STATE_TARGET(element) == GST_STATE_READY && GST_STATE(element) == GST_STATE_READY;
   GST_OBJECT_UNLOCK(element);
   return stopped;
 }
@@ -146,7 +147,7 @@ gboolean BuildChain(KvVideoFile* pvf) {
   const char* caps_text = nullptr;
   GstBin* bin = GST_BIN(pvf->pipeline);
   if (!ParserFor(pvf->fmt, &parser_name, &caps_text)) {
-    std::printf("KvVideoFile: just pass through(%d)\n", pvf->fmt);
+    HalEmitf(HalChannel::kVideoFile, "KvVideoFile: just pass through(%d)\n", pvf->fmt);
     GstElement* const chain[] = {pvf->source, pvf->sink};
     if (!AddElements(bin, chain, 2)) return FALSE;
     return gst_element_link(pvf->source, pvf->sink);
@@ -219,12 +220,12 @@ QO_C_API void qo_VideoFileCfg(qo_VideoFileHandle handle, const char* property, i
   KvVideoFile* pvf = static_cast<KvVideoFile*>(handle);
   g_return_if_fail(pvf);
   if (property == nullptr) return;
-  std::printf("KvVideoFile: set property %s=%d\n", property, value);
+  HalEmitf(HalChannel::kVideoFile, "KvVideoFile: set property %s=%d\n", property, value);
   if (pvf->pipeline != nullptr && CurrentState(pvf->pipeline) == GST_STATE_PLAYING) {
-    std::printf(
-        "KvVideoFile: %s failed, unable to set property %s after pipeline has been "
-        "launched!!!\n",
-        __func__, property);
+    HalEmitf(HalChannel::kVideoFile,
+             "KvVideoFile: %s failed, unable to set property %s after pipeline has been "
+             "launched!!!\n",
+             __func__, property);
     return;
   }
   if (g_strcmp0(property, "stream-type") == 0) {
@@ -242,7 +243,7 @@ QO_C_API void qo_VideoFileCfg(qo_VideoFileHandle handle, const char* property, i
       PrintLine("WARNING: size property is 0, ignored !!!");
     }
   } else {
-    std::printf("KvVideoFile: property: %s is not supported !!!\n", property);
+    HalEmitf(HalChannel::kVideoFile, "KvVideoFile: property: %s is not supported !!!\n", property);
   }
 }
 
@@ -286,7 +287,7 @@ QO_C_API int qo_VideoFileStop(qo_VideoFileHandle handle) {
     // The reported figure is polls x 20 (800 when the wait ran out), not the
     // time slept; log readers compare against it.
     int cost = pvf->eos.load(std::memory_order_relaxed) ? polls * 20 : 800;
-    std::printf("KvVideoFile getting EOS costs:%d ms \n", cost);
+    HalEmitf(HalChannel::kVideoFile, "KvVideoFile getting EOS costs:%d ms \n", cost);
     if (gst_element_set_state(pvf->pipeline, GST_STATE_READY) == GST_STATE_CHANGE_FAILURE) {
       PrintLine("KvVideoFile: video decoder stop failed !!! ");
       return -1;
@@ -324,7 +325,7 @@ QO_C_API int qo_VideoFilePutStream(qo_VideoFileHandle handle, qo_VideoStream* st
   if (stream == nullptr) return -1;
 
   if (stream->stream.eos != 0) {
-    std::printf("video file in recived eos from stream !!!!\n ");
+    HalEmitf(HalChannel::kVideoFile, "video file in recived eos from stream !!!!\n ");
     if (!pvf->eos.exchange(TRUE, std::memory_order_relaxed)) {
       gst_app_src_end_of_stream(GST_APP_SRC(pvf->source));
     }
@@ -359,7 +360,7 @@ QO_C_API int qo_VideoFilePutStream(qo_VideoFileHandle handle, qo_VideoStream* st
                                                   size, 0, size, stream->priv, stream->free_func);
   GstFlowReturn flow = gst_app_src_push_buffer(GST_APP_SRC(pvf->source), buffer);
   if (flow != GST_FLOW_OK) {
-    std::printf("KvVideoFile: send packet failed: %d\n", flow);
+    HalEmitf(HalChannel::kVideoFile, "KvVideoFile: send packet failed: %d\n", flow);
     return -1;
   }
   return 0;

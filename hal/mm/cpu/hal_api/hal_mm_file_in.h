@@ -6,7 +6,8 @@
  *
  * Life cycle: Open -> Cfg* -> Start -> (PutStream / GetFrame) -> Stop -> Close.
  * A stopped decoder is not restarted; open a new one. Diagnostics go to
- * standard output with the "KvVideoFile" tag. */
+ * standard output with the "KvVideoFile" tag, or to the sink set with
+ * qo_VideoFileSetLogSink. */
 #ifndef HAL_MM_FILE_IN_H_
 #define HAL_MM_FILE_IN_H_
 
@@ -62,6 +63,10 @@ QO_EXPORT int qo_VideoFileStop(qo_VideoFileHandle handle);
 
 /* Releases the decoder; the handle is invalid afterwards. */
 QO_EXPORT void qo_VideoFileClose(qo_VideoFileHandle handle);
+
+/* Sends the layer's diagnostic texts to sink instead of standard output;
+ * NULL restores standard output. Takes effect for the next text. */
+QO_EXPORT void qo_VideoFileSetLogSink(qo_LogSinkFunction sink, void* user_data);
 
 QO_EXTERN_C_END
 

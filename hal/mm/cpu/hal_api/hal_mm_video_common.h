@@ -29,6 +29,11 @@ typedef struct {
   qo_StreamFreeFunction free_func; /* always set */
 } qo_VideoStream;
 
+/* A replacement for standard output as the destination of a layer's
+ * diagnostic texts: called with each text exactly as the layer would print
+ * it (with its own line ends, if any), one call at a time per layer. */
+typedef void (*qo_LogSinkFunction)(const char* text, void* user_data);
+
 QO_EXTERN_C_END
 
 #endif /* HAL_MM_VIDEO_COMMON_H_ */

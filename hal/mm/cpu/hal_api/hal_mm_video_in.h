@@ -3,7 +3,8 @@
  *
  * Calling order: Open -> Cfg* -> Start -> GetFrame/FrameFree* -> Stop -> Close.
  * qo_VideoStreamType may be called before Open to learn the "stream-type".
- * Diagnostics go to standard output; nothing throws. */
+ * Diagnostics go to standard output, or to the sink set with
+ * qo_VideoStreamSetLogSink; nothing throws. */
 #ifndef HAL_MM_VIDEO_IN_H_
 #define HAL_MM_VIDEO_IN_H_
 
@@ -50,5 +51,31 @@ QO_C_API int qo_VideoStreamStop(qo_StrmHandle handle);
  * started is only reported and stays allocated. The last close stops the
  * layer's main-loop thread. */
 QO_C_API void qo_VideoStreamClose(qo_StrmHandle handle);
+
+/* Why a stream is not delivering frames, as qo_VideoStreamLastError tells it.
+ * The values are stable. */
+typedef enum {
+  QO_STREAM_OK = 0,                    /* nothing wrong (or not known yet) */
+  QO_STREAM_REFUSED = 1,               /* the server refused the connection */
+  QO_STREAM_HOST_NOT_FOUND = 2,        /* the host name does not resolve */
+  QO_STREAM_UNAUTHORIZED = 3,          /* 401: missing or wrong credentials */
+  QO_STREAM_NOT_FOUND = 4,             /* 404: no such stream on the server */
+  QO_STREAM_UNSUPPORTED_TRANSPORT = 5, /* 461: every allowed transport refused */
+  QO_STREAM_NO_VIDEO = 6,              /* no H.264, H.265 or JPEG video stream */
+  QO_STREAM_NO_DATA = 7,               /* connected, but no data arrives */
+  QO_STREAM_ENDED = 8,                 /* the server ended the stream */
+  QO_STREAM_ERROR = 9,                 /* any other failure (see the text) */
+} qo_StreamError;
+
+/* The reason of the stream's last connection loss or failure, cleared when
+ * frames flow again: returns a qo_StreamError (-1 for a NULL handle) and
+ * copies a one-line explanation, NUL-terminated and cut to len bytes, into
+ * buf when buf is not NULL. Passwords in URLs are shown as "***". Any thread,
+ * any time between Open and Close. */
+QO_C_API int qo_VideoStreamLastError(qo_StrmHandle handle, char* buf, int len);
+
+/* Sends the layer's diagnostic texts to sink instead of standard output;
+ * NULL restores standard output. Takes effect for the next text. */
+QO_C_API void qo_VideoStreamSetLogSink(qo_LogSinkFunction sink, void* user_data);
 
 #endif /* HAL_MM_VIDEO_IN_H_ */

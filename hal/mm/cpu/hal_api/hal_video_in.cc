@@ -14,6 +14,7 @@
 
 #include "core/qo_c_runtime_api.h"
 #include "gstlive555src.h"
+#include "hal_log.h"
 #include "hal_mm_video_in.h"
 #include "hal_video_in_internal.h"
 
@@ -37,12 +38,48 @@ void* GstLoopTask(void* usrdata) {
   return nullptr;
 }
 
+void SetReason(MultiStreamPipeline* proxy, int reason, const char* text) {
+  pthread_mutex_lock(&proxy->reason_lock);
+  proxy->reason = reason;
+  g_strlcpy(proxy->reason_text, text ? text : "", sizeof(proxy->reason_text));
+  pthread_mutex_unlock(&proxy->reason_lock);
+}
+
+// The RTSP source's connection states ("live555src-state" messages): a loss
+// and the retries after it carry a reason, frames flowing again clear it.
+void OnSourceState(MultiStreamPipeline* proxy, const GstStructure* s) {
+  static const struct {
+    const char* nick;
+    qo_StreamError code;
+  } kReasons[] = {
+      {"refused", QO_STREAM_REFUSED},
+      {"host-not-found", QO_STREAM_HOST_NOT_FOUND},
+      {"unauthorized", QO_STREAM_UNAUTHORIZED},
+      {"not-found", QO_STREAM_NOT_FOUND},
+      {"unsupported-transport", QO_STREAM_UNSUPPORTED_TRANSPORT},
+      {"no-video", QO_STREAM_NO_VIDEO},
+      {"no-data", QO_STREAM_NO_DATA},
+      {"ended", QO_STREAM_ENDED},
+  };
+  const char* state = gst_structure_get_string(s, "state");
+  if (g_strcmp0(state, "streaming") == 0) {
+    SetReason(proxy, QO_STREAM_OK, "");
+    return;
+  }
+  const char* nick = gst_structure_get_string(s, "reason-code");
+  if (!nick) return;
+  qo_StreamError code = QO_STREAM_ERROR;
+  for (const auto& r : kReasons) {
+    if (strcmp(r.nick, nick) == 0) code = r.code;
+  }
+  SetReason(proxy, code, gst_structure_get_string(s, "reason"));
+}
+
 gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) {
   MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(user_data);
   switch (GST_MESSAGE_TYPE(msg)) {
     case GST_MESSAGE_EOS:
-      g_print("$$$$>pl#%d receive EOS msg!\n", proxy->iId);
-      fflush(stdout);
+      HalPrint("$$$$>pl#%d receive EOS msg!\n", proxy->iId);
       break;
     case GST_MESSAGE_ERROR:
     case GST_MESSAGE_WARNING:
@@ -62,6 +99,9 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
       }
       HalPrint("GStreamer %s: %s; debug info: %s", kind, err ? err->message : "(null)",
                debug ? debug : "(null)");
+      if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR &&
+          qo_VideoStreamLastError(proxy, nullptr, 0) == QO_STREAM_OK)
+        SetReason(proxy, QO_STREAM_ERROR, err ? err->message : "error");
       if (err) g_error_free(err);
       g_free(debug);
       break;
@@ -91,6 +131,11 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
                gst_element_state_get_name(requested));
       GstStateChangeReturn res = gst_element_set_state(proxy->pl, requested);
       HalPrint("res=%d\n", res);
+      break;
+    }
+    case GST_MESSAGE_ELEMENT: {
+      const GstStructure* s = gst_message_get_structure(msg);
+      if (s && gst_structure_has_name(s, "live555src-state")) OnSourceState(proxy, s);
       break;
     }
     default:
@@ -227,9 +272,10 @@ const char kProtoV4l2[] = "v4l2";
 void HalPrint(const char* fmt, ...) {
   va_list ap;
   va_start(ap, fmt);
-  vprintf(fmt, ap);
+  char* text = g_strdup_vprintf(fmt, ap);
   va_end(ap);
-  fflush(stdout);
+  HalEmit(HalChannel::kVideoStream, text);
+  g_free(text);
 }
 
 int qo_VideoStreamInit() {
@@ -373,6 +419,7 @@ int PiplineUninstall(MultiStreamPipeline* proxy) {
   if (proxy->appsink) gst_object_unref(proxy->appsink);
   if (proxy->pl) gst_object_unref(proxy->pl);
   if (proxy->bus) gst_object_unref(proxy->bus);
+  pthread_mutex_destroy(&proxy->reason_lock);
   memset(static_cast<void*>(proxy), 0, sizeof(*proxy));
   free(proxy);
   return 0;
@@ -413,6 +460,8 @@ qo_StrmHandle qo_VideoStreamOpen(const char* uri) {
   proxy->video_mode = 0;
   proxy->frame_counter = 0;
   proxy->wait_eos.store(0, std::memory_order_relaxed);
+  pthread_mutex_init(&proxy->reason_lock, nullptr);
+  proxy->reason = QO_STREAM_OK;
   proxy->iId = gproxy->id_count;
   gproxy->id_count++;
   gproxy->pipeline_count++;
@@ -509,8 +558,7 @@ void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int time
   GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(proxy->appsink), wait);
   if (!sample) {
     if (gst_app_sink_is_eos(GST_APP_SINK(proxy->appsink))) {
-      g_print("--------->video in recived eos from stream !!!!");
-      fflush(stdout);
+      HalEmit(HalChannel::kVideoStream, "--------->video in recived eos from stream !!!!");
       frame->eos = 1;
       frame->data = nullptr;
       proxy->wait_eos.store(1, std::memory_order_release);
@@ -522,6 +570,16 @@ void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int time
     return;
   }
   SampleGetFrame(proxy, sample, frame);
+}
+
+int qo_VideoStreamLastError(qo_StrmHandle handle, char* buf, int len) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!proxy) return -1;
+  pthread_mutex_lock(&proxy->reason_lock);
+  const int reason = proxy->reason;
+  if (buf && len > 0) g_strlcpy(buf, proxy->reason_text, static_cast<size_t>(len));
+  pthread_mutex_unlock(&proxy->reason_lock);
+  return reason;
 }
 
 void qo_VideoStreamFrameFree(qo_StreamInfo* frame) {

@@ -69,6 +69,10 @@ struct MultiStreamPipeline {
   // Set once the bus watch's data is released, i.e. BusWatchCallback can no
   // longer be running for this record.
   std::atomic<int> watch_released;
+  // Why frames are not flowing: written by the bus watch, read by any thread.
+  pthread_mutex_t reason_lock;
+  int reason;  // a qo_StreamError
+  char reason_text[256];
 };
 
 extern const char kProtoRtsp[];
