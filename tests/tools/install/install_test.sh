@@ -26,7 +26,7 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 if ! pkg-config --libs qosdkmm | grep -q -- '-rpath'; then export LD_LIBRARY_PATH=$libdir; fi
 
 for lib in libqocore.so libqosdkmm.so; do
-  readelf -d "$libdir/$lib" | grep -q 'RUNPATH.*\[\$ORIGIN\]' || fail "$lib has no \$ORIGIN run path"
+  readelf -d "$libdir/$lib" | grep -qF "Library runpath: [\$ORIGIN]" || fail "$lib has no \$ORIGIN run path"
 done
 env -u LD_LIBRARY_PATH ldd "$libdir/libqosdkmm.so" | grep -q "libqocore.so.0 => $libdir/libqocore.so.0" ||
   fail "libqosdkmm.so does not find libqocore.so.0 beside it"

@@ -1,0 +1,152 @@
+#!/usr/bin/env bash
+# A new user's Debian 12 machine, twice, from the committed tree (HEAD):
+#  1. a bare minbase bookworm root: the README's two commands as written, then
+#     make install PREFIX=/opt/qo with a program built against it, make install
+#     with the README's host example, and make package;
+#  2. another bare root: apt-get install of that package, qomm (the demo) and
+#     the README's host example against the installed package.
+# Needs root. The roots are made fresh every run (build/fresh-machine/);
+# only downloaded .debs are kept between runs (build/fresh-machine/cache/).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo=$PWD
+work=$repo/build/fresh-machine
+suite=bookworm
+
+say() { echo "fresh-machine: $*"; }
+fail() { say "FAILED: $*" >&2; exit 1; }
+[ "$(id -u)" -eq 0 ] || fail "needs root (debootstrap, chroot, mounts)"
+
+bash scripts/install-deps.sh fresh
+# shellcheck disable=SC2016  # apt's own $(FIELD) syntax
+mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' "Release: $suite" \
+  'Component: main' | head -n 1)
+[ -n "$mirror" ] || fail "no $suite main entry in this machine's apt sources"
+
+mounted=()
+cleanup() {
+  local i
+  for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
+    umount "${mounted[i]}" 2>/dev/null || umount -l "${mounted[i]}" || true
+  done
+}
+trap cleanup EXIT
+
+timings=()
+phase() {  # phase <name> <command...>: runs it and records its wall-clock time
+  local name=$1 start=$SECONDS
+  shift
+  say "== $name"
+  "$@" || fail "$name"
+  timings+=("$(printf '%4d s  %s' $((SECONDS - start)) "$name")")
+}
+
+make_root() {  # make_root <dir>: a bare minbase root, ready for chroot
+  local root=$1 d
+  rm -rf "$root"
+  debootstrap --variant=minbase --cache-dir="$work/cache/debootstrap" "$suite" "$root" "$mirror" |
+    grep -vE '^I: (Retrieving|Validating|Extracting|Unpacking|Configuring) [a-z0-9]' || true
+  [ -x "$root/usr/bin/apt-get" ] || return 1
+  cp /etc/resolv.conf "$root/etc/resolv.conf" || return 1
+  mkdir -p "$work/cache/apt/partial" || return 1
+  mount -t proc proc "$root/proc" || return 1
+  mounted+=("$root/proc")
+  for d in sys dev dev/pts; do
+    mount --bind "/$d" "$root/$d" || return 1
+    mounted+=("$root/$d")
+  done
+  mount -t tmpfs -o mode=1777 shm "$root/dev/shm" || return 1
+  mounted+=("$root/dev/shm")
+  mount --bind "$work/cache/apt" "$root/var/cache/apt/archives" || return 1
+  mounted+=("$root/var/cache/apt/archives")
+}
+
+in_root() {  # in_root <root> <bash command>: as root's login shell would
+  chroot "$1" /usr/bin/env -i HOME=/root TERM=dumb \
+    PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin /bin/bash -c "$2"
+}
+
+installed_count() { in_root "$1" "dpkg-query -W -f='\${Status}\n' | grep -c '^install ok installed'"; }
+
+# The README's two commands and its host example, as written there.
+mapfile -t commands < <(awk '/^## Two commands/ {f = 1; next} /^## / {f = 0}
+  f && /^    [^ ]/ {sub(/^    /, ""); sub(/ *#.*$/, ""); print}' README.md)
+[ ${#commands[@]} -eq 2 ] || fail "README's 'Two commands' section has ${#commands[@]} commands"
+host_cc=$(awk '/^```c\+\+$/ {f = 1; next} /^```$/ {f = 0} f' README.md)
+host_build=$(awk '/^    g\+\+ .*host\.cc/ {sub(/^    /, ""); sub(/ *#.*$/, ""); print; exit}' README.md)
+if [ -z "$host_cc" ] || [ -z "$host_build" ]; then fail "README has no host example"; fi
+
+frames_of() {  # frames_of <root> <run command> [setup]: builds host.cc, runs it, counts frames
+  in_root "$1" "cd /root && ${3:-} $host_build -o host && $2 >host.out 2>host.err" >&2 ||
+    { tail -n 20 "$1/root/host.err" >&2; return 1; }
+  grep -o 'frame of [0-9]* bytes$' "$1/root/host.out" | wc -l
+}
+
+# 1. The source tree on a bare root.
+src_root=$work/root-source
+phase "bare root for the source tree" make_root "$src_root"
+bare_count=$(installed_count "$src_root")
+git clone -q "$repo" "$src_root/root/qosdkmm"
+say "testing $(git -C "$src_root/root/qosdkmm" log -1 --format='%h %s' | cut -c1-72)"
+
+phase "${commands[0]}" in_root "$src_root" "cd /root/qosdkmm && ${commands[0]}"
+first_count=$(installed_count "$src_root")
+unwanted=$(in_root "$src_root" "dpkg-query -W -f='\${Status} \${Package}\n' 2>/dev/null" |
+  awk '/^install ok installed/ {print $4}' |
+  grep -E '^(clang|clang-[0-9]+|libclang-rt-.*|gnuplot.*|libbenchmark.*|ffmpeg)$' | tr '\n' ' ' || true)
+[ -z "$unwanted" ] || fail "${commands[0]} installed $unwanted"
+
+phase "${commands[1]}" in_root "$src_root" "cd /root/qosdkmm && ${commands[1]}"
+second_count=$(installed_count "$src_root")
+
+printf '%s\n' "$host_cc" >"$src_root/root/host.cc"
+custom_prefix() {
+  in_root "$src_root" "cd /root/qosdkmm && make install PREFIX=/opt/qo >/dev/null" || return 1
+  [ ! -e "$src_root/usr/local/lib/libqosdkmm.so" ] || return 1  # nothing to fall back on
+  local n
+  n=$(frames_of "$src_root" "./host /opt/qo/share/qosdkmm/samples/sample.h264" \
+    "export PKG_CONFIG_PATH=/opt/qo/lib/pkgconfig;") || return 1
+  say "a program built against --prefix /opt/qo: $n frames"
+  [ "$n" -gt 0 ]
+}
+phase "make install PREFIX=/opt/qo, a host built against it" custom_prefix
+
+system_install() {
+  in_root "$src_root" "cd /root/qosdkmm && make install >/dev/null" || return 1
+  local n
+  n=$(frames_of "$src_root" "./host") || return 1
+  say "the README's host example after make install: $n frames"
+  [ "$n" -gt 0 ]
+}
+phase "make install, the README's host example" system_install
+
+phase "make package" in_root "$src_root" "cd /root/qosdkmm && make package"
+deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name 'qosdkmm_*_amd64.deb' -print -quit)
+[ -n "$deb" ] || fail "make package made no qosdkmm_*_amd64.deb"
+cp "$deb" "$work/"
+cleanup
+mounted=()
+
+# 2. The package on another bare root.
+deb_root=$work/root-package
+phase "bare root for the package" make_root "$deb_root"
+cp "$deb" "$deb_root/root/"
+phase "apt-get install ./$(basename "$deb")" in_root "$deb_root" \
+  "cd /root && apt-get update -q >/dev/null && DEBIAN_FRONTEND=noninteractive apt-get install -y -q ./$(basename "$deb") >/dev/null"
+deb_count=$(installed_count "$deb_root")
+phase "qomm (the demo) from the package" in_root "$deb_root" "qomm"
+printf '%s\n' "$host_cc" >"$deb_root/root/host.cc"
+package_host() {
+  in_root "$deb_root" "DEBIAN_FRONTEND=noninteractive apt-get install -y -q g++ pkg-config >/dev/null" ||
+    return 1
+  local n
+  n=$(frames_of "$deb_root" "./host /usr/share/qosdkmm/samples/sample.h264") || return 1
+  say "the README's host example against the package: $n frames"
+  [ "$n" -gt 0 ]
+}
+phase "g++ and pkg-config, the README's host example against the package" package_host
+
+say "passed"
+printf '  %s\n' "${timings[@]}"
+say "installed packages: bare root $bare_count; after '${commands[0]}' $first_count;" \
+  "after '${commands[1]}' $second_count; bare root with the package $deb_count"
