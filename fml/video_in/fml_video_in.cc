@@ -213,48 +213,44 @@ void VideoInput::StreamOutLoop() {
   prop_.Get("timeout", timeout);
   int budget = kRetryBudget;
   NDArray frame;
-  try {
-    for (;;) {
-      unsigned int status;
-      int r = GetStream(frame, timeout);
-      if (r == kEndOfStream) {
-        LOG(2) << "end of stream !!!";
-        status = kEndOfStream;
-      } else if (r == kTimeout) {
-        budget--;
-        LOG(2) << "get stream timeout:" << budget;
-        if (budget != 0) continue;
-        status = kTimeout;
-      } else {
-        if (save_stream_ != 0) {
-          strm_file_save(frame.GetTensorData(), frame.GetTensorDataSize(), stream_id_);
-        }
-        // After Stop the frames are only drained, not sent.
-        if (stopping_.load(std::memory_order_relaxed) != 0) continue;
-        status = kFrame;
+  // A fatal error (an unsupported frame format) is not caught here: it ends
+  // the process with its message, as it would on the host's own thread.
+  for (;;) {
+    unsigned int status;
+    int r = GetStream(frame, timeout);
+    if (r == kEndOfStream) {
+      LOG(2) << "end of stream !!!";
+      status = kEndOfStream;
+    } else if (r == kTimeout) {
+      budget--;
+      LOG(2) << "get stream timeout:" << budget;
+      if (budget != 0) continue;
+      status = kTimeout;
+    } else {
+      if (save_stream_ != 0) {
+        strm_file_save(frame.GetTensorData(), frame.GetTensorDataSize(), stream_id_);
       }
-      SendStream(frame, status);
-      if (status != kFrame) break;
-
-      std::string uri;
-      if (prop_.Get("uri", uri) && StartsWith(uri, "file://")) {
-        // A file plays as fast as it is read: pace it to its frame rate.
-        double framerate = 1.0;
-        prop_.Get("framerate", framerate);
-        if (framerate > 0) {
-          int64_t ms = static_cast<int64_t>(1000.0 / framerate);
-          struct timespec ts;
-          ts.tv_sec = static_cast<time_t>(ms / 1000);
-          ts.tv_nsec = static_cast<long>((ms % 1000) * 1000000);
-          nanosleep(&ts, nullptr);
-        }
-      }
-      budget = kRetryBudget;
+      // After Stop the frames are only drained, not sent.
+      if (stopping_.load(std::memory_order_relaxed) != 0) continue;
+      status = kFrame;
     }
-  } catch (const std::exception& e) {
-    // A fatal error must not escape the thread (that would end the process):
-    // it ends the stream-out thread instead.
-    LOG(4) << e.what();
+    SendStream(frame, status);
+    if (status != kFrame) break;
+
+    std::string uri;
+    if (prop_.Get("uri", uri) && StartsWith(uri, "file://")) {
+      // A file plays as fast as it is read: pace it to its frame rate.
+      double framerate = 1.0;
+      prop_.Get("framerate", framerate);
+      if (framerate > 0) {
+        int64_t ms = static_cast<int64_t>(1000.0 / framerate);
+        struct timespec ts;
+        ts.tv_sec = static_cast<time_t>(ms / 1000);
+        ts.tv_nsec = static_cast<long>((ms % 1000) * 1000000);
+        nanosleep(&ts, nullptr);
+      }
+    }
+    budget = kRetryBudget;
   }
   if (save_stream_ != 0) strm_file_close();
   LOG(1) << "<<< Exit stream out thread";

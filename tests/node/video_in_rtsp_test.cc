@@ -1,8 +1,11 @@
-// Video input node on the loopback RTSP server: H.264 over TCP end to end
-// and a server that freezes. The element's own tests run every codec over
-// every transport.
+// Video input node on the loopback RTSP server: H.264 over TCP end to end,
+// a server that freezes, one that describes its stream tersely and one that
+// refuses, and a fatal frame format on the output thread. The element's own
+// tests run every codec over every transport.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
@@ -10,6 +13,19 @@
 
 #include "node_test_util.h"
 #include "test_rtsp_server.h"
+
+// Fault injection at the layer's boundary: from the fifth frame on, the
+// frames the node pulls claim a format it cannot describe. The node calls
+// the exported function, so this definition stands in for the library's.
+std::atomic<bool> g_force_jpeg{false};
+
+extern "C" void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int timeout) {
+  using Pull = void (*)(qo_StrmHandle, qo_StreamInfo*, int);
+  static const Pull real = reinterpret_cast<Pull>(dlsym(RTLD_NEXT, "qo_VideoStreamGetFrame"));
+  static std::atomic<int> frames{0};
+  real(handle, frame, timeout);
+  if (g_force_jpeg && frame->data != nullptr && ++frames > 4) frame->format = QO_PIX_FMT_JPEG;
+}
 
 namespace qo {
 namespace nodetest {
@@ -134,6 +150,64 @@ TEST_F(VideoInputRtsp, FrozenServerEndsTheThreadAfterThreeTimeoutsInARow) {
   server_.Thaw();
   EXPECT_EQ(port.Count(2), 1u);
   EXPECT_EQ(port.Count(0) + 1, port.Tasks().size()) << "nothing after the last task";
+}
+
+// A JPEG stream described without a=rtpmap plays through the node; a refusal
+// reaches the host through "last.error" within 2 s, long before the node's
+// time-out task, and goes with the stream at close.
+TEST(VideoInputRtspServers, TerseStreamPlaysAndARefusalIsExplained) {
+  test::TestRtspServer server({{"terse=mjpeg,terse-sdp", "udp=h264,udp-only"}, "", ""});
+  ASSERT_TRUE(server.Start()) << server.error();
+  {
+    TaskCollector port(16, /*keep_arrays=*/true);
+    HostNode g("qo.mm.video.in");
+    g.SetString("uri", server.Url("terse"));
+    g.SetInt("stream-type", QO_PIX_FMT_MJPEG);
+    g.thread()->SetTxQue(port.queue(), 0);
+    g.Open();
+    ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return CountFlag(t, 0) >= 10; }, 10000));
+    const Tasks tasks = port.Tasks();
+    EXPECT_EQ(ExtFields(tasks.front().data)[0], QO_PIX_FMT_MJPEG);
+    EXPECT_EQ(Bytes(tasks.front().data)[0], 0xff);
+    EXPECT_EQ(g.Call("last.error.code").operator int(), QO_STREAM_OK);
+  }
+  TaskCollector port;
+  HostNode g("qo.mm.video.in");
+  g.SetString("uri", server.Url("udp"));
+  g.SetInt("lower-trans-type", RTSP_TRANS_TCP);
+  g.thread()->SetTxQue(port.queue(), 0);
+  g.Open();
+  const int64_t t0 = MonotonicNs();
+  ASSERT_TRUE(testutil::WaitUntil(
+      [&] { return g.Call("last.error.code").operator int() != QO_STREAM_OK; }, 2000));
+  EXPECT_LT(MonotonicNs() - t0, 2000e6);
+  EXPECT_EQ(g.Call("last.error.code").operator int(), QO_STREAM_UNSUPPORTED_TRANSPORT);
+  EXPECT_NE(g.Call("last.error").AsString().find("461"), std::string::npos);
+  EXPECT_EQ(port.Tasks().size(), 0u);
+  g.Close();
+  EXPECT_EQ(g.Call("last.error.code").operator int(), -1);
+  EXPECT_EQ(testhost::Func("qo.mm.video.in.last.error.code")(nullptr).operator int(), -1);
+}
+
+// An unsupported frame format is fatal and is not swallowed by the output
+// thread: the process ends with the message instead of leaving downstream
+// waiting for a task that never comes.
+TEST(VideoInputRtspDeathTest, FatalFormatOnTheOutputThreadEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  test::TestRtspServer server;
+  ASSERT_TRUE(server.Start()) << server.error();
+  const std::string url = server.Url("h264");
+  EXPECT_DEATH(
+      {
+        g_force_jpeg = true;
+        TaskCollector port;
+        HostNode g("qo.mm.video.in");
+        g.SetString("uri", url);
+        g.thread()->SetTxQue(port.queue(), 0);
+        g.Open();
+        std::this_thread::sleep_for(std::chrono::seconds(20));
+      },
+      "unsupported yuv format:34!!!");
 }
 
 }  // namespace
