@@ -160,8 +160,8 @@ TEST(PropTest, RefusalsAndWarningsNameKeyAndRange) {
   std::string file = "?";
   EXPECT_TRUE(p.Get("size", size) && p.Get("framerate", rate) && p.Get("file", file));
   EXPECT_EQ(std::make_tuple(size, rate, file), std::make_tuple(0, 25.0, std::string("a")));
-  p.Set("size", 10);
-  p.Set("framerate", 0.0);
+  for (int v : {0, 10}) p.Set("size", v);  // both bounds are in range
+  for (double v : {120.0, 0.0}) p.Set("framerate", v);
   p.Set("file", static_cast<const char*>(nullptr));
   EXPECT_TRUE(p.Get("size", size) && p.Get("framerate", rate) && p.Get("file", file));
   EXPECT_EQ(std::make_tuple(size, rate, file), std::make_tuple(10, 0.0, std::string()));
