@@ -44,6 +44,7 @@ phase() {  # phase <name> <command...>: runs it and records its wall-clock time
 make_root() {  # make_root <dir>: a bare minbase root, ready for chroot
   local root=$1 d
   rm -rf "$root"
+  mkdir -p "$work/cache/debootstrap" || return 1
   debootstrap --variant=minbase --cache-dir="$work/cache/debootstrap" "$suite" "$root" "$mirror" |
     grep -vE '^I: (Retrieving|Validating|Extracting|Unpacking|Configuring) [a-z0-9]' || true
   [ -x "$root/usr/bin/apt-get" ] || return 1

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages of one tier, and of the tiers below it:
 #   build  compile the library and qomm, run the demo, make install/package
+#          (file: CPack's DEB generator needs it for dpkg-shlibdeps)
 #   test   + the test suite (GoogleTest, encoders for test streams, decoders
 #          for snapshots, gst-inspect-1.0)
 #   dev    + sanitizer builds, fuzzing (clang) and benchmarks
@@ -11,7 +12,7 @@ set -euo pipefail
 tier_packages() {
   case $1 in
     build) echo \
-      make build-essential cmake ninja-build pkg-config \
+      make build-essential cmake ninja-build pkg-config file \
       libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev \
       libgstrtspserver-1.0-dev libdlpack-dev \
       gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad ;;
