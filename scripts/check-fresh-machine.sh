@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# A new user's Debian 12 machine, twice, from the committed tree (HEAD):
+# A new user's Debian 12 machine, twice, from a commit of this tree (the
+# argument; HEAD when none is given):
 #  1. a bare minbase bookworm root: the README's two commands as written, then
 #     make install PREFIX=/opt/qo with a program built against it, make install
 #     with the README's host example, and make package;
@@ -10,6 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
+commit=$(git rev-parse --verify "${1:-HEAD}^{commit}")
 work=$repo/build/fresh-machine
 suite=bookworm
 
@@ -87,7 +89,8 @@ frames_of() {  # frames_of <root> <run command> [setup]: builds host.cc, runs it
 src_root=$work/root-source
 phase "bare root for the source tree" make_root "$src_root"
 bare_count=$(installed_count "$src_root")
-git clone -q "$repo" "$src_root/root/qosdkmm"
+git clone -q --no-checkout "$repo" "$src_root/root/qosdkmm"
+git -C "$src_root/root/qosdkmm" checkout -q --detach "$commit"
 say "testing $(git -C "$src_root/root/qosdkmm" log -1 --format='%h %s' | cut -c1-72)"
 
 phase "${commands[0]}" in_root "$src_root" "cd /root/qosdkmm && ${commands[0]}"
