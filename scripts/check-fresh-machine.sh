@@ -31,8 +31,16 @@ cleanup() {
   for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
     umount "${mounted[i]}" 2>/dev/null || umount -l "${mounted[i]}" || true
   done
+  mounted=()
 }
 trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+remove_root() {  # also after a run that was killed before it could unmount
+  findmnt -rn -o TARGET | awk -v root="$1/" 'index($0, root) == 1' | sort -r |
+    xargs -r -n 1 umount -l
+  rm -rf --one-file-system "$1"
+}
 
 timings=()
 phase() {  # phase <name> <command...>: runs it and records its wall-clock time
@@ -45,7 +53,7 @@ phase() {  # phase <name> <command...>: runs it and records its wall-clock time
 
 make_root() {  # make_root <dir>: a bare minbase root, ready for chroot
   local root=$1 d
-  rm -rf "$root"
+  remove_root "$root" || return 1
   mkdir -p "$work/cache/debootstrap" || return 1
   debootstrap --variant=minbase --cache-dir="$work/cache/debootstrap" "$suite" "$root" "$mirror" |
     grep -vE '^I: (Retrieving|Validating|Extracting|Unpacking|Configuring) [a-z0-9]' || true
@@ -117,6 +125,8 @@ phase "make install PREFIX=/opt/qo, a host built against it" custom_prefix
 
 system_install() {
   in_root "$src_root" "cd /root/qosdkmm && make install >/dev/null" || return 1
+  in_root "$src_root" "ldconfig -p | grep -q 'libqosdkmm.so.0 .*/usr/local/lib/'" ||
+    { say "make install left libqosdkmm.so.0 out of the linker's cache"; return 1; }
   local n
   n=$(frames_of "$src_root" "./host") || return 1
   say "the README's host example after make install: $n frames"
@@ -129,7 +139,6 @@ deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name 'qosdkmm_*_a
 [ -n "$deb" ] || fail "make package made no qosdkmm_*_amd64.deb"
 cp "$deb" "$work/"
 cleanup
-mounted=()
 
 # 2. The package on another bare root.
 deb_root=$work/root-package
@@ -150,6 +159,9 @@ package_host() {
 }
 phase "g++ and pkg-config, the README's host example against the package" package_host
 
+cleanup
+remove_root "$src_root"
+remove_root "$deb_root"
 say "passed"
 printf '  %s\n' "${timings[@]}"
 say "installed packages: bare root $bare_count; after '${commands[0]}' $first_count;" \
