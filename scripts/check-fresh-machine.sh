@@ -114,7 +114,9 @@ second_count=$(installed_count "$src_root")
 printf '%s\n' "$host_cc" >"$src_root/root/host.cc"
 custom_prefix() {
   in_root "$src_root" "cd /root/qosdkmm && make install PREFIX=/opt/qo >/dev/null" || return 1
-  [ ! -e "$src_root/usr/local/lib/libqosdkmm.so" ] || return 1  # nothing to fall back on
+  if [ -e "$src_root/usr/local/lib/libqosdkmm.so" ]; then
+    say "a system install is there to fall back on"; return 1
+  fi
   local n
   n=$(frames_of "$src_root" "./host /opt/qo/share/qosdkmm/samples/sample.h264" \
     "export PKG_CONFIG_PATH=/opt/qo/lib/pkgconfig;") || return 1
@@ -138,6 +140,7 @@ phase "make package" in_root "$src_root" "cd /root/qosdkmm && make package"
 deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name 'qosdkmm_*_amd64.deb' -print -quit)
 [ -n "$deb" ] || fail "make package made no qosdkmm_*_amd64.deb"
 cp "$deb" "$work/"
+deb=$work/$(basename "$deb")
 cleanup
 
 # 2. The package on another bare root.
