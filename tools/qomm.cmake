@@ -1,13 +1,11 @@
-# qomm: the command-line host. It loads libqosdkmm at run time and drives the
-# nodes through the framework core, so it links only the core, GStreamer (for
-# snapshots and type detection) and the loopback RTSP server (serve, demo).
+# qomm: the command-line host. It links libqosdkmm, GStreamer (for snapshots
+# and type detection) and the loopback RTSP server (serve, demo).
 if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
   set(_qomm_dir ${CMAKE_CURRENT_LIST_DIR}/qomm)
   add_executable(qomm
     ${_qomm_dir}/main.cc
     ${_qomm_dir}/arg_reader.cc
     ${_qomm_dir}/demo_command.cc
-    ${_qomm_dir}/failure.cc
     ${_qomm_dir}/library_output.cc
     ${_qomm_dir}/media_type.cc
     ${_qomm_dir}/node_player.cc
@@ -15,23 +13,18 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
     ${_qomm_dir}/play_session.cc
     ${_qomm_dir}/probe_command.cc
     ${_qomm_dir}/samples.cc
-    ${_qomm_dir}/sdk_library.cc
     ${_qomm_dir}/serve_command.cc
     ${_qomm_dir}/snapshot.cc
     ${_qomm_dir}/stop_signal.cc)
   pkg_check_modules(QOMM_GST_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-base-1.0)
-  target_link_libraries(qomm PRIVATE qocore qortspserver PkgConfig::QOMM_GST_APP ${CMAKE_DL_LIBS})
+  target_link_libraries(qomm PRIVATE qosdkmm qortspserver PkgConfig::QOMM_GST_APP)
   target_compile_definitions(qomm PRIVATE
-    QO_SDKMM_SONAME="$<TARGET_SONAME_FILE_NAME:qosdkmm>"
-    QO_INSTALL_LIBDIR="${CMAKE_INSTALL_LIBDIR}"
     QO_SAMPLES_RELATIVE_DIR="${CMAKE_INSTALL_DATADIR}/qosdkmm/samples"
     QO_SAMPLES_INSTALL_DIR="${CMAKE_INSTALL_FULL_DATADIR}/qosdkmm/samples"
     QO_SAMPLES_SOURCE_DIR="${PROJECT_SOURCE_DIR}/data")
   set_target_properties(qomm PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tools
     INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  # The library is loaded, not linked: build it whenever the host is built.
-  add_dependencies(qomm qosdkmm)
   install(TARGETS qomm RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES ${PROJECT_SOURCE_DIR}/data/sample.h264 ${PROJECT_SOURCE_DIR}/data/sample.h265
                 ${PROJECT_SOURCE_DIR}/data/sample.mjpeg

@@ -6,11 +6,9 @@
 #include <string>
 
 #include "commands.h"
-#include "library_output.h"
 #include "play_session.h"
 #include "rtsp_server.h"
 #include "samples.h"
-#include "sdk_library.h"
 #include "stop_signal.h"
 
 namespace qomm {
@@ -26,7 +24,7 @@ constexpr double kRtspLimitS = 12;
 }  // namespace
 
 const char* DemoUsage() {
-  return "usage: qomm [-v|-q] [--lib PATH] [COMMAND [ARGS]]\n"
+  return "usage: qomm [-v|-q] [COMMAND [ARGS]]\n"
          "\n"
          "Without a command qomm plays its bundled sample (H.264, 320x240, 3 s) through\n"
          "the file input node, then serves it over RTSP on 127.0.0.1 and plays it through\n"
@@ -41,8 +39,7 @@ const char* DemoUsage() {
          "\n"
          "Options of every command:\n"
          "  -v           more library messages (repeat for more: -vv, -vvv)\n"
-         "  -q           quiet: no library messages and no progress display\n"
-         "  --lib PATH   load the media-input library from PATH\n";
+         "  -q           quiet: no library messages and no progress display\n";
 }
 
 int RunDemo(ArgReader& args) {
@@ -50,7 +47,6 @@ int RunDemo(ArgReader& args) {
     std::string a = args.Next();
     throw UsageError("unknown command or option " + a);
   }
-  SdkLibrary::Require();
   std::string sample = FindSample(kSample);
   if (sample.empty()) {
     std::string dirs;
@@ -58,7 +54,7 @@ int RunDemo(ArgReader& args) {
     fprintf(stderr, "qomm: the bundled %s is missing (looked in%s)\n", kSample, dirs.c_str());
     return 1;
   }
-  FILE* out = LibraryOutput::Out();
+  FILE* out = stdout;
 
   PlayOptions file;
   file.source = sample;

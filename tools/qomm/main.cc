@@ -1,6 +1,4 @@
-// qomm: the command-line host of the media-input library. It loads the
-// library at run time and drives its nodes through the framework core only,
-// as a framework does.
+// qomm: the command-line host of the media-input library.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -12,10 +10,8 @@
 #include "commands.h"
 #include "core/qo_logging.h"
 #include "core/qo_registry.h"
-#include "failure.h"
 #include "library_output.h"
 #include "play_session.h"
-#include "sdk_library.h"
 #include "stop_signal.h"
 
 namespace qomm {
@@ -30,25 +26,18 @@ constexpr int kQuietLogLevel = 5;
 struct GlobalOptions {
   int verbosity = 0;
   bool quiet = false;
-  std::string lib;
 };
 
-// Takes -v, -q and --lib out of the words, wherever they stand.
+// Takes -v and -q out of the words, wherever they stand.
 std::vector<std::string> TakeGlobalOptions(std::vector<std::string> words, GlobalOptions* g) {
   std::vector<std::string> rest;
-  for (size_t i = 0; i < words.size(); ++i) {
-    const std::string& w = words[i];
+  for (const std::string& w : words) {
     if (w.size() >= 2 && w[0] == '-' && w.find_first_not_of('v', 1) == std::string::npos) {
       g->verbosity += static_cast<int>(w.size() - 1);
     } else if (w == "--verbose") {
       g->verbosity++;
     } else if (w == "-q" || w == "--quiet") {
       g->quiet = true;
-    } else if (w == "--lib") {
-      if (i + 1 >= words.size()) throw UsageError("--lib needs a value");
-      g->lib = words[++i];
-    } else if (w.rfind("--lib=", 0) == 0) {
-      g->lib = w.substr(6);
     } else {
       rest.push_back(w);
     }
@@ -67,9 +56,7 @@ const char* ListUsage() {
 
 int RunList(ArgReader& args) {
   if (!args.done()) throw UsageError("list takes no arguments");
-  SdkLibrary::Require();
-  FILE* out = LibraryOutput::Out();
-  fprintf(out, "library %s\n", SdkLibrary::path().c_str());
+  FILE* out = stdout;
   std::vector<std::string> functions = qo::Registry::ListNames();
   fprintf(out, "global functions (%zu):\n", functions.size());
   for (const std::string& name : functions) fprintf(out, "  %s\n", name.c_str());
@@ -81,7 +68,6 @@ int RunList(ArgReader& args) {
 
 int RunPlay(ArgReader& args) {
   PlayOptions options = ParsePlayOptions(args);
-  SdkLibrary::Require();
   return PlaySession(options).Run();
 }
 
@@ -126,9 +112,8 @@ int Main(int argc, char** argv) {
   int status = 0;
   try {
     ArgReader args(rest);
-    SdkLibrary::SetPath(global.lib);
     if (help) {
-      fputs(usage, LibraryOutput::Out());
+      fputs(usage, stdout);
     } else if (command == "serve") {
       // Serving needs GStreamer only, not the media-input library.
       status = RunServe(args);
@@ -150,10 +135,10 @@ int Main(int argc, char** argv) {
     status = 1;
   } catch (const std::exception& e) {
     // Whatever else a node lets escape still ends in one line.
-    fprintf(stderr, "qomm: %s\n", e.what());
+    fprintf(stderr, "qomm: %s\n", MaskPasswords(e.what()).c_str());
     status = 1;
   }
-  LibraryOutput::Finish();
+  LibraryOutput::Release(true);
   return status;
 }
 

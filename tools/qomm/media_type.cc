@@ -2,6 +2,8 @@
 
 #include <gst/base/gsttypefindhelper.h>
 #include <gst/gst.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -108,6 +110,12 @@ int TypeFromContent(const std::string& path, std::string* error) {
 int DetectFileType(const std::string& path, std::string* error) {
   int type = TypeFromFileName(path);
   return type != kTypeUnknown ? type : TypeFromContent(path, error);
+}
+
+std::string CheckReadable(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0 || access(path.c_str(), R_OK) != 0) return std::strerror(errno);
+  return S_ISDIR(st.st_mode) ? std::strerror(EISDIR) : "";
 }
 
 }  // namespace qomm

@@ -31,6 +31,9 @@ int TypeFromContent(const std::string& path, std::string* error);
 // The extension first, then the content.
 int DetectFileType(const std::string& path, std::string* error);
 
+// Why a local file or device cannot be read, "" when it can.
+std::string CheckReadable(const std::string& path);
+
 }  // namespace qomm
 
 #endif  // QO_TOOLS_QOMM_MEDIA_TYPE_H_

@@ -2,40 +2,18 @@
 
 #include "core/qo_logging.h"
 #include "core/qo_media_task.h"
-#include "sdk_library.h"
+#include "node/qo_file_in_node.h"
+#include "node/qo_video_in_node.h"
 
 namespace qomm {
 
 namespace {
 
 constexpr size_t kQueueCapacity = 16;
-// Pulls of one second keep a sync-mode host responsive to Ctrl-C.
+// Pulls of one second keep a sync-mode host responsive to Ctrl-C and to the
+// stream's reasons.
 constexpr int kSyncPullSeconds = 1;
 constexpr int kRetryBudget = 3;
-
-// GetFrame is reached through the node's class, not through a registered
-// function. qomm loads the library at run time and so takes the exported
-// method from it by its symbol. The x86-64 C++ ABI passes `this` as the first
-// argument of a non-virtual member function, which makes the method callable
-// as a function of (node, frame, timeout).
-using PullFunction = int (*)(void* node, qo::NDArray& frame, int timeout);
-
-PullFunction PullFromLibrary(const char* mangled_name) {
-  void* address = SdkLibrary::Symbol(mangled_name);
-  if (address == nullptr) {
-    throw qo::Error("the media-input library exports no GetFrame for sync mode");
-  }
-  return reinterpret_cast<PullFunction>(address);
-}
-
-int PullFrame(NodeKind kind, void* node, qo::NDArray& frame, int timeout) {
-  // qo::mm::FileInput::GetFrame and qo::mm::VideoInput::GetFrame.
-  static const PullFunction pull_file =
-      PullFromLibrary("_ZN2qo2mm9FileInput8GetFrameERNS_7NDArrayEi");
-  static const PullFunction pull_video =
-      PullFromLibrary("_ZN2qo2mm10VideoInput8GetFrameERNS_7NDArrayEi");
-  return (kind == NodeKind::kFileInput ? pull_file : pull_video)(node, frame, timeout);
-}
 
 void Describe(const qo::NDArray& array, FrameInfo* info) {
   info->array = array;
@@ -53,48 +31,40 @@ void Describe(const qo::NDArray& array, FrameInfo* info) {
 }  // namespace
 
 NodePlayer::NodePlayer(NodeKind kind, bool sync)
-    : kind_(kind), sync_(sync), queue_(kQueueCapacity) {
-  qo::QORetValue rv = SdkLibrary::Function(Name("create"))();
-  node_ = rv;
-  if (node_ == nullptr) throw qo::Error(Name("create") + " returned no node");
+    : kind_(kind),
+      sync_(sync),
+      node_(kind == NodeKind::kFileInput ? static_cast<qo::Thread*>(new qo::mm::FileInput())
+                                         : new qo::mm::VideoInput()),
+      queue_(kQueueCapacity) {
   if (sync_) SetInt("sync-mode", 1);
 }
 
 NodePlayer::~NodePlayer() {
   try {
     Close();
-    if (!sync_) thread()->SetTxQue(nullptr, 0);
-    SdkLibrary::Function(Name("destroy"))(node_);
   } catch (const std::exception&) {
-    // Nothing sensible is left to do with a node that cannot be destroyed.
+    // Nothing sensible is left to do with a node that cannot be stopped.
   }
+  if (!sync_) node_->SetTxQue(nullptr, 0);
 }
-
-std::string NodePlayer::Name(const char* verb) const {
-  return std::string(kind_ == NodeKind::kFileInput ? "qo.mm.file.in." : "qo.mm.video.in.") + verb;
-}
-
-// Both nodes derive from the node base alone, so the handle "create" returns
-// is the address of their base as well.
-qo::Thread* NodePlayer::thread() const { return static_cast<qo::Thread*>(node_); }
 
 void NodePlayer::SetInt(const std::string& key, int value) {
   if (key == "timeout") timeout_s_ = value;
   if (key == "stream-id") stream_id_ = value;
-  SdkLibrary::Function(Name("set.attr.int"))(node_, key, value);
+  node_->GetProp().Set(key, value);
 }
 
 void NodePlayer::SetString(const std::string& key, const std::string& value) {
-  SdkLibrary::Function(Name("set.attr.string"))(node_, key, value);
+  node_->GetProp().Set(key, value);
 }
 
 void NodePlayer::SetDouble(const std::string& key, double value) {
-  thread()->GetProp().Set(key, value);
+  node_->GetProp().Set(key, value);
 }
 
 void NodePlayer::Open() {
-  if (!sync_) thread()->SetTxQue(&queue_, 0);
-  SdkLibrary::Function(Name("open"))(node_);
+  if (!sync_) node_->SetTxQue(&queue_, 0);
+  node_->Start();
   opened_ = true;
 }
 
@@ -116,7 +86,10 @@ bool NodePlayer::Next(FrameInfo* info, int slice_ms) {
 
 bool NodePlayer::PullSync(FrameInfo* info) {
   qo::NDArray frame;
-  int r = PullFrame(kind_, node_, frame, kSyncPullSeconds);
+  const int r =
+      kind_ == NodeKind::kFileInput
+          ? static_cast<qo::mm::FileInput*>(node_.get())->GetFrame(frame, kSyncPullSeconds)
+          : static_cast<qo::mm::VideoInput*>(node_.get())->GetFrame(frame, kSyncPullSeconds);
   if (r < 0) throw qo::Error("the node refused the pull: it is not running in sync mode");
   info->source_id = stream_id_;
   if (r == 2) {
@@ -139,9 +112,15 @@ void NodePlayer::Close() {
   // A closed queue makes the node's sends fail at once instead of waiting
   // for room, so its output thread can run to its end while it stops.
   queue_.Close();
-  SdkLibrary::Function(Name("close"))(node_);
+  node_->Stop();
   qo::TaskQueue::Task task;
   while (queue_.Pop(&task, 0)) qo::TaskQueue::Dispose(task);
+}
+
+int NodePlayer::LastError(std::string* text) const {
+  text->clear();
+  if (kind_ != NodeKind::kVideoInput) return -1;
+  return static_cast<const qo::mm::VideoInput*>(node_.get())->LastError(text);
 }
 
 }  // namespace qomm

@@ -1,12 +1,12 @@
-// One source node driven the way the framework drives it: created, set up and
-// opened through the functions the library registers, its tasks taken from a
-// queue on output port 0 (or, in sync mode, pulled with the node's GetFrame),
-// then closed and destroyed.
+// One source node driven the way a framework drives it: set up through its
+// property store, started, its tasks taken from a queue on output port 0 (or,
+// in sync mode, pulled with the node's GetFrame), then stopped.
 #ifndef QO_TOOLS_QOMM_NODE_PLAYER_H_
 #define QO_TOOLS_QOMM_NODE_PLAYER_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "core/qo_ndarray.h"
@@ -33,36 +33,35 @@ struct FrameInfo {
 
 class NodePlayer {
  public:
-  // Creates the node ("create"); throws qo::Error when that fails.
   NodePlayer(NodeKind kind, bool sync);
-  // Closes the node when it was opened, then destroys it.
+  // Stops the node when it was started.
   ~NodePlayer();
   NodePlayer(const NodePlayer&) = delete;
   NodePlayer& operator=(const NodePlayer&) = delete;
 
   void SetInt(const std::string& key, int value);
   void SetString(const std::string& key, const std::string& value);
-  // There is no global function for doubles: hosts write the property store.
   void SetDouble(const std::string& key, double value);
 
-  // Attaches the queue and opens the node. Failures of the node arrive as
+  // Attaches the queue and starts the node. Failures of the node arrive as
   // qo::Error.
   void Open();
   // Waits up to about slice_ms for the next task; false when none came.
   bool Next(FrameInfo* info, int slice_ms);
   // Stops the node and disposes of the tasks it still sends. Idempotent.
   void Close();
+  // The video input node's reason for delivering no frames: its stream
+  // error code (0 none, -1 no stream or a file input node) and text.
+  int LastError(std::string* text) const;
 
   NodeKind kind() const { return kind_; }
 
  private:
-  std::string Name(const char* verb) const;
-  qo::Thread* thread() const;
   bool PullSync(FrameInfo* info);
 
   NodeKind kind_;
   bool sync_;
-  void* node_ = nullptr;
+  std::unique_ptr<qo::Thread> node_;
   bool opened_ = false;
   qo::TaskQueue queue_;
   // Sync mode: seconds without a frame before the source counts as stalled

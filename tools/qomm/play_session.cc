@@ -10,11 +10,11 @@
 #include <utility>
 
 #include "core/qo_logging.h"
-#include "failure.h"
+#include "hal_mm_video_in.h"
 #include "library_output.h"
 #include "media_type.h"
+#include "node/qo_video_in_node.h"
 #include "play_report.h"
-#include "sdk_library.h"
 #include "snapshot.h"
 #include "stop_signal.h"
 
@@ -26,6 +26,14 @@ constexpr int kSliceMs = 100;
 constexpr int kTransportUdp = 1;
 constexpr int kTransportTcp = 4;
 constexpr int kRawYuyv = 3;
+constexpr int kReasonPollMs = 250;
+// How long a failed type probe watches the stream for its reason.
+constexpr int kExplainMs = 3000;
+
+bool IsPermanent(int code) {
+  return code == QO_STREAM_UNAUTHORIZED || code == QO_STREAM_NOT_FOUND ||
+         code == QO_STREAM_UNSUPPORTED_TRANSPORT || code == QO_STREAM_NO_VIDEO;
+}
 
 bool StartsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
@@ -238,79 +246,68 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
 PlaySession::PlaySession(PlayOptions options) : options_(std::move(options)) {}
 
 int PlaySession::Fail(const std::string& message) const {
-  fprintf(stderr, "qomm: %s\n", message.c_str());
+  fprintf(stderr, "qomm: %s\n", MaskPasswords(message).c_str());
   return 1;
+}
+
+int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::string* why) {
+  LibraryOutput::Hold();
+  *why = "";
+  int code = 0;
+  if (StartsWith(uri, "rtsp://")) {
+    // The type probe keeps the stream's reason to itself and waits out its
+    // limit on any refusal: a short run of the node learns the reason first.
+    try {
+      NodePlayer watch(NodeKind::kVideoInput, /*sync=*/false);
+      watch.SetString("uri", uri);
+      watch.SetInt("stream-type", kTypeH264);
+      if (transport) watch.SetInt("lower-trans-type", *transport);
+      watch.Open();
+      FrameInfo frame;
+      for (int waited = 0; waited < kExplainMs && !watch.Next(&frame, kReasonPollMs);
+           waited += kReasonPollMs) {
+        if ((code = watch.LastError(why)) > 0) break;
+      }
+    } catch (const qo::Error& e) {
+      *why = ErrorMessage(e.what());
+    }
+  }
+  const int type = IsPermanent(code) ? kTypeUnknown : qo::mm::VideoInput::StreamType(uri);
+  if (why->empty()) *why = "no H.264, H.265 or JPEG video found";
+  LibraryOutput::Release(type != kTypeUnknown);
+  return type;
 }
 
 std::string PlaySession::Prepare() {
   const std::string& src = options_.source;
-  std::string why;
-  if (options_.list || !HasScheme(src)) {
-    node_kind_ = NodeKind::kFileInput;
-    path_ = src;
-    why = CheckReadable(path_);
-    if (!why.empty()) return "cannot open " + path_ + ": " + why;
-    std::string media = path_;
-    if (options_.list) {
-      media = FirstListedFile(path_);
-      if (media.empty()) return "cannot play " + path_ + ": the list names no file";
-    }
-    if (options_.type) {
-      type_ = *options_.type;
-    } else {
-      std::string error;
-      type_ = DetectFileType(media, &error);
-      if (type_ == kTypeUnknown) {
-        return "cannot tell the stream type of " + media + ": " +
-               (error.empty() ? "give it with --type" : error);
-      }
-    }
-    return "";
-  }
-
-  node_kind_ = NodeKind::kVideoInput;
-  if (StartsWith(src, "file://")) {
-    path_ = src.substr(7);
-    why = CheckReadable(path_);
-    if (!why.empty()) return "cannot open " + src + ": " + why;
-    std::string error;
-    type_ = options_.type ? *options_.type : DetectFileType(path_, &error);
-    if (type_ == kTypeUnknown) {
-      return "cannot tell the stream type of " + path_ + ": " +
-             (error.empty() ? "give it with --type" : error);
-    }
-    return "";
-  }
-  if (StartsWith(src, "v4l2://")) {
-    path_ = src.substr(7);
-    why = CheckReadable(path_);
-    if (!why.empty()) return "cannot open " + src + ": " + why;
-  } else {
-    why = CheckRtspStream(src);
+  const bool file_input = options_.list || !HasScheme(src);
+  node_kind_ = file_input ? NodeKind::kFileInput : NodeKind::kVideoInput;
+  path_ = file_input ? src : src.substr(7);
+  if (!StartsWith(src, "rtsp://")) {
+    const std::string why = CheckReadable(path_);
     if (!why.empty()) return "cannot open " + src + ": " + why;
   }
   if (options_.type) {
     type_ = *options_.type;
     return "";
   }
-  // The node's own detection, as a framework would ask it before opening.
-  LibraryOutput::Hold();
-  qo::QORetValue rv = SdkLibrary::Function("qo.mm.video.in.stream.type")(src);
-  type_ = rv;
+  if (file_input || StartsWith(src, "file://")) {
+    const std::string media = options_.list ? FirstListedFile(path_) : path_;
+    if (media.empty()) return "cannot play " + path_ + ": the list names no file";
+    std::string error;
+    type_ = DetectFileType(media, &error);
+    if (type_ != kTypeUnknown) return "";
+    return "cannot tell the stream type of " + media + ": " +
+           (error.empty() ? "give it with --type" : error);
+  }
+  std::string why;
+  type_ = ProbeStreamType(src, options_.transport, &why);
   if (type_ == kTypeUnknown && StartsWith(src, "v4l2://")) {
     // Cameras are probed for JPEG only: anything else is taken for YUYV.
-    LibraryOutput::Release(true);
     fprintf(stderr, "qomm: %s sends no JPEG; trying yuyv (see --type)\n", src.c_str());
     type_ = kRawYuyv;
-    return "";
   }
-  if (type_ == kTypeUnknown) {
-    LibraryOutput::Release(false);
-    return "cannot open " + src + ": " +
-           ExplainSourceFailure(src, "no H.264, H.265 or JPEG video found");
-  }
-  LibraryOutput::Release(true);
-  return "";
+  return type_ == kTypeUnknown ? "cannot open " + src + ": " + why : "";
 }
 
 void PlaySession::Configure(NodePlayer* player) const {
@@ -336,12 +333,11 @@ void PlaySession::Configure(NodePlayer* player) const {
 
 int PlaySession::Run() {
   const PlayOptions& o = options_;
-  LibraryOutput::Forget();
   std::string why = Prepare();
   if (!why.empty()) return Fail(why);
 
   const char* node_name = node_kind_ == NodeKind::kFileInput ? "file input" : "video input";
-  std::string title = o.title.empty() ? "play " + o.source : o.title;
+  std::string title = MaskPasswords(o.title.empty() ? "play " + o.source : o.title);
   title += " (" + std::string(node_name) + ", " + TypeName(type_) + (o.sync ? ", sync" : "") + ")";
   PlayReport::Progress progress = PlayReport::Progress::kPeriodic;
   if (o.quiet || qo::g_log_level >= 5) {
@@ -350,13 +346,18 @@ int PlaySession::Run() {
     progress = PlayReport::Progress::kLine;
   }
   PlayReport report(title, progress);
-  FILE* out = LibraryOutput::Out();
+  FILE* out = stdout;
   std::unique_ptr<Snapshot> snapshot;
   if (!o.snapshot.empty()) snapshot.reset(new Snapshot(o.snapshot));
   const bool stop_at_snapshot = snapshot && o.frames < 0 && o.duration < 0;
 
   std::string end;
   std::string failure;
+  // The stream's reason, for the one line a failed source gets.
+  auto failed = [&](const std::string& reason) {
+    failure = (report.frames() == 0 ? "cannot open " : "lost ") + o.source + ": " + reason;
+    end = "failed";
+  };
   try {
     NodePlayer player(node_kind_, o.sync);
     Configure(&player);
@@ -365,11 +366,11 @@ int PlaySession::Run() {
       player.Open();
     } catch (const qo::Error& e) {
       LibraryOutput::Release(false);
-      return Fail("cannot open " + o.source + ": " +
-                  ExplainSourceFailure(o.source, ErrorMessage(e.what())));
+      return Fail("cannot open " + o.source + ": " + ErrorMessage(e.what()));
     }
     report.Begin();
     long index = 0;
+    double last_check_s = 0;
     for (;;) {
       if (StopSignal::Requested()) {
         end = "interrupted";
@@ -392,10 +393,11 @@ int PlaySession::Run() {
           break;
         }
         if (frame.status == 2) {
-          int t = o.timeout ? *o.timeout : 3;
-          std::string reason = "no frame for " + std::to_string(3 * t) + " s";
-          failure = (report.frames() == 0 ? "cannot open " : "lost ") + o.source + ": " +
-                    ExplainSourceFailure(o.source, reason);
+          std::string reason;
+          if (player.LastError(&reason) <= 0) {
+            reason = "no frame for " + std::to_string(3 * (o.timeout ? *o.timeout : 3)) + " s";
+          }
+          failed(reason);
           end = "time-out";
           break;
         }
@@ -410,6 +412,15 @@ int PlaySession::Run() {
         }
         if (o.frames > 0 && report.frames() >= o.frames) {
           end = "stopped after " + std::to_string(o.frames) + " frames";
+          break;
+        }
+      } else if (report.SecondsSinceBegin() - last_check_s >= kReasonPollMs / 1000.0) {
+        // A refusal the next attempt meets again ends the run now, not
+        // after the node's time-out.
+        last_check_s = report.SecondsSinceBegin();
+        std::string reason;
+        if (IsPermanent(player.LastError(&reason))) {
+          failed(reason);
           break;
         }
       }

@@ -37,6 +37,10 @@ struct PlayOptions {
   bool quiet = false;  // no progress display
 };
 
+// The stream type of an rtsp:// or v4l2:// source as the video input node
+// probes it, or kTypeUnknown with the stream's reason in *why.
+int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::string* why);
+
 // Reads the options of "qomm play"; throws UsageError.
 PlayOptions ParsePlayOptions(ArgReader& args);
 const char* PlayUsage();

@@ -3,10 +3,9 @@
 #include <string>
 
 #include "commands.h"
-#include "failure.h"
 #include "library_output.h"
 #include "media_type.h"
-#include "sdk_library.h"
+#include "play_session.h"
 
 namespace qomm {
 
@@ -30,38 +29,24 @@ int RunProbe(ArgReader& args) {
   }
   if (uri.empty()) throw UsageError("probe needs a URI");
 
-  int type = kTypeUnknown;
-  std::string why;
   const bool live = uri.rfind("rtsp://", 0) == 0 || uri.rfind("v4l2://", 0) == 0;
   if (uri.find("://") != std::string::npos && !live && uri.rfind("file://", 0) != 0) {
     throw UsageError("cannot probe " + uri + " (rtsp://, v4l2://, file:// or a path)");
   }
-  if (live) {
-    SdkLibrary::Require();
-    why = uri[0] == 'r' ? CheckRtspStream(uri) : CheckReadable(uri.substr(7));
-    if (why.empty()) {
-      LibraryOutput::Hold();
-      qo::QORetValue rv = SdkLibrary::Function("qo.mm.video.in.stream.type")(uri);
-      type = rv;
-      LibraryOutput::Release(type != kTypeUnknown);
-      if (type == kTypeUnknown) {
-        why = ExplainSourceFailure(uri, "no H.264, H.265 or JPEG video found");
-      }
-    }
-  } else {
-    std::string path = uri.rfind("file://", 0) == 0 ? uri.substr(7) : uri;
-    why = CheckReadable(path);
-    if (why.empty()) {
-      type = TypeFromContent(path, &why);
-      if (type == kTypeUnknown && why.empty()) why = "neither H.264, H.265 nor JPEG";
-    }
+  const std::string path = uri.find("://") != std::string::npos ? uri.substr(7) : uri;
+  std::string why = uri.rfind("rtsp://", 0) == 0 ? "" : CheckReadable(path);
+  int type = kTypeUnknown;
+  if (why.empty()) {
+    type = live ? ProbeStreamType(uri, std::nullopt, &why) : TypeFromContent(path, &why);
+    if (type == kTypeUnknown && why.empty()) why = "neither H.264, H.265 nor JPEG";
   }
   // Only the three encoded types are detected; anything else reads as unknown.
   if (type != kTypeH264 && type != kTypeH265 && type != kTypeMjpeg) type = kTypeUnknown;
-  fprintf(LibraryOutput::Out(), "%s\n", TypeName(type).c_str());
-  fflush(LibraryOutput::Out());
+  printf("%s\n", TypeName(type).c_str());
+  fflush(stdout);
   if (type == kTypeUnknown) {
-    fprintf(stderr, "qomm: cannot detect the stream type of %s: %s\n", uri.c_str(), why.c_str());
+    fprintf(stderr, "qomm: %s\n",
+            MaskPasswords("cannot detect the stream type of " + uri + ": " + why).c_str());
     return 1;
   }
   return 0;

@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "commands.h"
-#include "failure.h"
-#include "library_output.h"
 #include "media_type.h"
 #include "rtsp_server.h"
 #include "stop_signal.h"
@@ -102,7 +100,7 @@ int RunServe(ArgReader& args) {
     fprintf(stderr, "qomm: cannot serve on 127.0.0.1:%d: %s\n", port, error.c_str());
     return 1;
   }
-  FILE* out = LibraryOutput::Out();
+  FILE* out = stdout;
   for (size_t i = 0; i < server.streams().size(); ++i) {
     const qo::tools::RtspStreamSpec& s = server.streams()[i];
     fprintf(out, "%s  %s  %s\n", server.Url(s.mount).c_str(), types[i].c_str(), s.file.c_str());
