@@ -55,6 +55,7 @@ GST_DEBUG_CATEGORY_STATIC(gst_live555_src_debug);
 #define DEFAULT_CONNECT_TIMEOUT_MS 5000
 #define DEFAULT_RETRY_DELAY_MIN_MS 100
 #define DEFAULT_RETRY_DELAY_MAX_MS 2000
+#define DEFAULT_RECOVER_AT_KEY TRUE
 /* How long the RTSP connection may stay silent before rtspsrc gives up. */
 #define TCP_TIMEOUT_US (G_GUINT64_CONSTANT(5) * G_USEC_PER_SEC)
 /* Upper bound for the TEARDOWN exchange when stopping. */
@@ -76,6 +77,7 @@ enum {
   PROP_CONNECT_TIMEOUT,
   PROP_RETRY_DELAY_MIN,
   PROP_RETRY_DELAY_MAX,
+  PROP_RECOVER_AT_KEY,
 };
 
 /* The connection as the watch thread follows it. */
@@ -129,6 +131,7 @@ struct _GstLive555Src {
   gint max_bytes;
   gint protocols;
   gboolean reconnect;
+  gboolean recover_at_key; /* after lost packets, wait for a key frame */
   guint timeout_ms;
   guint connect_timeout_ms;
   guint retry_delay_min_ms;
@@ -490,7 +493,7 @@ static gboolean live555_src_wait_key_in_list(GstBuffer** buf, guint idx, gpointe
 static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* info,
                                                  gpointer user_data) {
   GstLive555Src* self = GST_LIVE555_SRC(user_data);
-  gboolean current, was_waiting, keep = TRUE;
+  gboolean current, was_waiting, keep = TRUE, discont = FALSE;
   Live555KeyWait wait;
 
   /* Once end-of-stream is requested nothing from the server passes any more.
@@ -518,6 +521,15 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
     return ret;
   }
 
+  /* The depayloader marks the first unit after a gap in the packets. */
+  if (info->type & GST_PAD_PROBE_TYPE_BUFFER) {
+    discont = GST_BUFFER_IS_DISCONT(GST_PAD_PROBE_INFO_BUFFER(info));
+  } else if (info->type & GST_PAD_PROBE_TYPE_BUFFER_LIST) {
+    GstBufferList* list = GST_PAD_PROBE_INFO_BUFFER_LIST(info);
+    discont =
+        gst_buffer_list_length(list) > 0 && GST_BUFFER_IS_DISCONT(gst_buffer_list_get(list, 0));
+  }
+
   g_mutex_lock(&self->lock);
   current =
       !self->shutting_down && self->depay && GST_OBJECT_PARENT(pad) == (GstObject*)self->depay;
@@ -531,6 +543,12 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
     /* Reported with the attempt that made it; the next loss counts anew. */
     live555_src_set_conn_locked(self, CONN_STREAMING, 0);
     self->attempt = 0;
+  }
+  if (discont && self->recover_at_key && self->codec != CODEC_JPEG && !self->need_keyframe) {
+    /* Pictures after a loss refer to data that never came: a decoder shows
+     * garbage until the next key frame, so nothing goes out before it. */
+    GST_DEBUG_OBJECT(self, "packets lost: waiting for the next key frame");
+    self->need_keyframe = TRUE;
   }
   wait.waiting = was_waiting = self->need_keyframe;
   wait.codec = self->codec;
@@ -1235,6 +1253,11 @@ static void gst_live555_src_set_property(GObject* object, guint prop_id, const G
         g_atomic_int_set(&self->eos_requested, 0);
       }
       break;
+    case PROP_RECOVER_AT_KEY:
+      g_mutex_lock(&self->lock);
+      self->recover_at_key = g_value_get_boolean(value);
+      g_mutex_unlock(&self->lock);
+      break;
     case PROP_RECONNECT:
     case PROP_TIMEOUT:
     case PROP_CONNECT_TIMEOUT:
@@ -1285,8 +1308,10 @@ static void gst_live555_src_get_property(GObject* object, guint prop_id, GValue*
       g_value_set_boolean(value, g_atomic_int_get(&self->eos_requested) != 0);
       break;
     case PROP_RECONNECT:
+    case PROP_RECOVER_AT_KEY:
       g_mutex_lock(&self->lock);
-      g_value_set_boolean(value, self->reconnect);
+      g_value_set_boolean(value,
+                          prop_id == PROP_RECONNECT ? self->reconnect : self->recover_at_key);
       g_mutex_unlock(&self->lock);
       break;
     case PROP_TIMEOUT:
@@ -1409,6 +1434,23 @@ static void gst_live555_src_class_init(gpointer klass, gpointer data) {
                         "Upper bound of the delay between reconnection attempts, in "
                         "milliseconds (raised to \"retry-delay-min\" when below it).",
                         1, G_MAXINT32, DEFAULT_RETRY_DELAY_MAX_MS, rw_playing));
+  /**
+   * GstLive555Src:recover-at-key:
+   *
+   * What downstream gets after RTP packets were lost (the depayloader marks
+   * the first access unit after a gap as a discontinuity). TRUE: nothing
+   * until the next key frame, which comes with the parameter sets seen
+   * meanwhile, so a decoder never sees a picture whose references are
+   * missing; frames stop for up to one key-frame interval. FALSE: every
+   * access unit goes out as it was received, damaged ones too, for hosts
+   * that conceal errors themselves. JPEG streams are not affected (each
+   * picture stands alone and the depayloader drops incomplete ones).
+   */
+  g_object_class_install_property(
+      gobject_class, PROP_RECOVER_AT_KEY,
+      g_param_spec_boolean("recover-at-key", "Recover at key frame",
+                           "After lost packets, hold everything back until the next key frame",
+                           DEFAULT_RECOVER_AT_KEY, rw_playing));
 
   gst_element_class_add_static_pad_template(element_class, &src_template);
   gst_element_class_set_static_metadata(element_class, "RTSP video source", "Source/Network",
@@ -1439,6 +1481,7 @@ static void gst_live555_src_init(GTypeInstance* instance, gpointer klass) {
   self->connect_timeout_ms = DEFAULT_CONNECT_TIMEOUT_MS;
   self->retry_delay_min_ms = DEFAULT_RETRY_DELAY_MIN_MS;
   self->retry_delay_max_ms = DEFAULT_RETRY_DELAY_MAX_MS;
+  self->recover_at_key = DEFAULT_RECOVER_AT_KEY;
   self->video_stream = -1;
   self->conn = CONN_IDLE;
   self->unix_ts_caps = gst_caps_new_empty_simple("timestamp/x-unix");

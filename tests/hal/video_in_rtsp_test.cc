@@ -158,6 +158,52 @@ TEST(LiveStreamRtsp, TerseDescriptionPlaysAndRefusalsReachTheCaller) {
   EXPECT_EQ(qo_VideoStreamLastError(nullptr, text, sizeof(text)), -1);
 }
 
+// RTP over UDP that loses packets (run by in_lossy_netns.sh, skipped
+// elsewhere): for a minute frames keep coming through the layer, never more
+// than a key-frame interval or two apart, and the stream stops promptly.
+TEST(LiveStreamRtsp, PacketLossNeverStallsTheStream) {
+  if (!getenv("QO_LOSSY_NETNS")) GTEST_SKIP() << "needs a lossy network (in_lossy_netns.sh)";
+  test::TestRtspServer server({{"h264=h264,key-int=30,size=640x360"}, "", ""});
+  ASSERT_TRUE(server.Start()) << server.error();
+  testutil::StdoutCapture cap;
+  const std::string url = server.Url("h264");
+  qo_StrmHandle h = qo_VideoStreamOpen(url.c_str());
+  qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
+  qo_VideoStreamCfg(h, "lower-trans-type", RTSP_TRANS_UDP);
+  ASSERT_EQ(qo_VideoStreamStart(h), 0);
+  int frames = 0;
+  int64_t worst_gap_ms = 0, last = 0;
+  const int64_t end = MonotonicNs() + 60000e6;
+  while (MonotonicNs() < end) {
+    qo_StreamInfo info{};
+    qo_VideoStreamGetFrame(h, &info, 3);
+    ASSERT_NE(info.data, nullptr) << "stalled after " << frames << " frames";
+    ASSERT_GT(info.size, 0);
+    qo_VideoStreamFrameFree(&info);
+    const int64_t now = MonotonicNs();
+    if (last != 0) worst_gap_ms = std::max<int64_t>(worst_gap_ms, (now - last) / 1000000);
+    last = now;
+    ++frames;
+  }
+  RecordProperty("frames", std::to_string(frames));
+  RecordProperty("worst_gap_ms", std::to_string(worst_gap_ms));
+  EXPECT_GT(frames, 60 * 30 / 3);
+  EXPECT_LT(worst_gap_ms, 2500 + kSlackMs);
+  std::atomic<bool> saw_eos{false};
+  std::thread puller([&] {
+    std::vector<testutil::Frame> rest;
+    saw_eos = testutil::DrainFrames<qo_StreamInfo>(
+        [&](qo_StreamInfo* info) { qo_VideoStreamGetFrame(h, info, 3); }, qo_VideoStreamFrameFree,
+        &rest);
+  });
+  const int64_t t0 = MonotonicNs();
+  EXPECT_EQ(qo_VideoStreamStop(h), 0);
+  EXPECT_LT(MonotonicNs() - t0, (500 + kSlackMs) * 1000000);
+  puller.join();
+  EXPECT_TRUE(saw_eos);
+  qo_VideoStreamClose(h);
+}
+
 // A host that pulls in its own thread may stop pulling before it stops the
 // stream: the appsink fills up and holds GStreamer's streaming thread. Stop
 // must still come back after its wait for a puller, and close after it.
