@@ -3,7 +3,8 @@
 #   build  compile the library and qomm, run the demo, make install/package
 #          (file: CPack's DEB generator needs it for dpkg-shlibdeps)
 #   test   + the test suite (GoogleTest, encoders for test streams, decoders
-#          for snapshots, gst-inspect-1.0)
+#          for snapshots, gst-inspect-1.0, iproute2 and iptables for the
+#          packet-loss tests in a network namespace)
 #   dev    + sanitizer builds, fuzzing (clang) and benchmarks
 #   fresh  debootstrap and git for scripts/check-fresh-machine.sh (alone)
 # Safe to run again: apt-get is called only when something is missing.
@@ -18,7 +19,7 @@ tier_packages() {
       gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad ;;
     test) echo "$(tier_packages build)" \
       libgtest-dev libgmock-dev gstreamer1.0-tools \
-      gstreamer1.0-plugins-ugly gstreamer1.0-libav ;;
+      gstreamer1.0-plugins-ugly gstreamer1.0-libav iproute2 iptables ;;
     dev) echo "$(tier_packages test)" \
       clang libclang-rt-14-dev libbenchmark-dev ffmpeg gnuplot-nox gstreamer1.0-x ;;
     fresh) echo debootstrap git ;;
