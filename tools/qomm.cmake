@@ -12,10 +12,8 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
     ${_qomm_dir}/play_report.cc
     ${_qomm_dir}/play_session.cc
     ${_qomm_dir}/probe_command.cc
-    ${_qomm_dir}/samples.cc
     ${_qomm_dir}/serve_command.cc
-    ${_qomm_dir}/snapshot.cc
-    ${_qomm_dir}/stop_signal.cc)
+    ${_qomm_dir}/snapshot.cc)
   pkg_check_modules(QOMM_GST_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-base-1.0)
   target_link_libraries(qomm PRIVATE qosdkmm qortspserver PkgConfig::QOMM_GST_APP)
   target_compile_definitions(qomm PRIVATE

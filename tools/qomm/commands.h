@@ -7,6 +7,13 @@
 
 namespace qomm {
 
+// Ctrl-C and SIGTERM end a run cleanly; a second Ctrl-C ends it at once.
+class StopSignal {
+ public:
+  static void Install();
+  static bool Requested();
+};
+
 int RunDemo(ArgReader& args);
 int RunPlay(ArgReader& args);
 int RunProbe(ArgReader& args);

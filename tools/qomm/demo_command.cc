@@ -1,15 +1,16 @@
 // qomm without a command: the bundled sample through both source nodes, from
 // its file and over RTSP.
 #include <gst/gst.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "play_session.h"
 #include "rtsp_server.h"
-#include "samples.h"
-#include "stop_signal.h"
 
 namespace qomm {
 
@@ -20,6 +21,39 @@ constexpr int kSampleFps = 30;
 // Three seconds of the looped replay, with room for a slow start.
 constexpr long kRtspFrames = 90;
 constexpr double kRtspLimitS = 12;
+
+// Directory of this program ("." if unknown).
+std::string ProgramDir() {
+  char buf[4096];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+  if (n <= 0) return ".";
+  buf[n] = '\0';
+  std::string path(buf);
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// Where the bundled samples are looked for, in order.
+std::vector<std::string> SampleDirs() {
+  // An installed tree may have been moved: look beside the program first.
+  return {ProgramDir() + "/../" QO_SAMPLES_RELATIVE_DIR, QO_SAMPLES_INSTALL_DIR,
+          QO_SAMPLES_SOURCE_DIR};
+}
+
+// Path of the sample `name`, or "" when none is readable.
+std::string FindSample(const std::string& name) {
+  for (const std::string& dir : SampleDirs()) {
+    std::string path = dir + "/" + name;
+    if (access(path.c_str(), R_OK) != 0) continue;
+    char* real = realpath(path.c_str(), nullptr);
+    if (real != nullptr) {
+      path = real;
+      free(real);
+    }
+    return path;
+  }
+  return "";
+}
 
 }  // namespace
 

@@ -1,5 +1,8 @@
 // qomm: the command-line host of the media-input library.
+#include <signal.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -12,11 +15,14 @@
 #include "core/qo_registry.h"
 #include "library_output.h"
 #include "play_session.h"
-#include "stop_signal.h"
 
 namespace qomm {
 
 namespace {
+
+std::atomic<bool> g_stop_requested{false};
+
+void OnSignal(int) { g_stop_requested.store(true, std::memory_order_relaxed); }
 
 // Warnings and up: the nodes' information lines would flood the terminal.
 constexpr int kDefaultLogLevel = 3;
@@ -48,6 +54,19 @@ std::vector<std::string> TakeGlobalOptions(std::vector<std::string> words, Globa
 
 }  // namespace
 
+void StopSignal::Install() {
+  struct sigaction sa;
+  std::memset(&sa, 0, sizeof(sa));
+  sa.sa_handler = OnSignal;
+  sigemptyset(&sa.sa_mask);
+  // The handler is one-shot: the next signal takes its default action.
+  sa.sa_flags = SA_RESETHAND;
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+bool StopSignal::Requested() { return g_stop_requested.load(std::memory_order_relaxed); }
+
 const char* ListUsage() {
   return "usage: qomm list\n"
          "\n"
@@ -66,15 +85,30 @@ int RunList(ArgReader& args) {
   return 0;
 }
 
-int RunPlay(ArgReader& args) {
-  PlayOptions options = ParsePlayOptions(args);
-  return PlaySession(options).Run();
+int RunPlay(ArgReader& args) { return PlaySession(ParsePlayOptions(args)).Run(); }
+
+struct Command {
+  const char* name;
+  int (*run)(ArgReader&);
+  const char* (*usage)();
+};
+
+constexpr Command kDemo = {"", RunDemo, DemoUsage};
+constexpr Command kCommands[] = {{"play", RunPlay, PlayUsage},
+                                 {"probe", RunProbe, ProbeUsage},
+                                 {"serve", RunServe, ServeUsage},
+                                 {"list", RunList, ListUsage}};
+
+const Command* FindCommand(const std::string& name) {
+  for (const Command& c : kCommands) {
+    if (name == c.name) return &c;
+  }
+  return nullptr;
 }
 
 int Main(int argc, char** argv) {
   std::vector<std::string> words(argv + 1, argv + argc);
   GlobalOptions global;
-  std::string command;
   std::vector<std::string> rest;
   try {
     rest = TakeGlobalOptions(words, &global);
@@ -82,53 +116,30 @@ int Main(int argc, char** argv) {
     fprintf(stderr, "qomm: %s\nRun \"qomm --help\" for usage.\n", e.what());
     return 2;
   }
-  if (!rest.empty() && (rest[0] == "play" || rest[0] == "probe" || rest[0] == "serve" ||
-                        rest[0] == "list" || rest[0] == "help")) {
-    command = rest[0];
-    rest.erase(rest.begin());
-  }
+  // "qomm help [COMMAND]" is "qomm [COMMAND] --help".
+  bool help = !rest.empty() && rest[0] == "help";
+  if (help) rest.erase(rest.begin());
+  const Command* command = rest.empty() ? nullptr : FindCommand(rest[0]);
+  if (command != nullptr) rest.erase(rest.begin());
+  if (command == nullptr) command = &kDemo;
+  for (const std::string& w : rest) help = help || w == "--help" || w == "-h";
 
   qo::g_log_level =
       global.quiet ? kQuietLogLevel : std::max(0, kDefaultLogLevel - global.verbosity);
   LibraryOutput::Start(global.verbosity);
   StopSignal::Install();
 
-  const char* usage = command == "play"    ? PlayUsage()
-                      : command == "probe" ? ProbeUsage()
-                      : command == "serve" ? ServeUsage()
-                      : command == "list"  ? ListUsage()
-                                           : DemoUsage();
-  bool help = command == "help";
-  for (const std::string& w : rest) help = help || w == "--help" || w == "-h";
-  if (command == "help" && !rest.empty()) {
-    const std::string& topic = rest[0];
-    usage = topic == "play"    ? PlayUsage()
-            : topic == "probe" ? ProbeUsage()
-            : topic == "serve" ? ServeUsage()
-            : topic == "list"  ? ListUsage()
-                               : DemoUsage();
-  }
-
   int status = 0;
   try {
     ArgReader args(rest);
     if (help) {
-      fputs(usage, stdout);
-    } else if (command == "serve") {
-      // Serving needs GStreamer only, not the media-input library.
-      status = RunServe(args);
-    } else if (command == "play") {
-      status = RunPlay(args);
-    } else if (command == "probe") {
-      status = RunProbe(args);
-    } else if (command == "list") {
-      status = RunList(args);
+      fputs(command->usage(), stdout);
     } else {
-      status = RunDemo(args);
+      status = command->run(args);
     }
   } catch (const UsageError& e) {
-    fprintf(stderr, "qomm: %s\nRun \"qomm %s--help\" for usage.\n", e.what(),
-            command.empty() || command == "help" ? "" : (command + " ").c_str());
+    fprintf(stderr, "qomm: %s\nRun \"qomm %s%s--help\" for usage.\n", e.what(), command->name,
+            *command->name != '\0' ? " " : "");
     status = 2;
   } catch (const qo::Error& e) {
     fprintf(stderr, "qomm: %s\n", ErrorMessage(e.what()).c_str());

@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "commands.h"
 #include "core/qo_logging.h"
 #include "hal_mm_video_in.h"
 #include "library_output.h"
@@ -16,7 +17,6 @@
 #include "node/qo_video_in_node.h"
 #include "play_report.h"
 #include "snapshot.h"
-#include "stop_signal.h"
 
 namespace qomm {
 

@@ -10,7 +10,6 @@
 #include "commands.h"
 #include "media_type.h"
 #include "rtsp_server.h"
-#include "stop_signal.h"
 
 namespace qomm {
 
