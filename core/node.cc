@@ -12,11 +12,16 @@ namespace qo {
 POUT::~POUT() = default;
 
 bool POUT::Send(void* task) {
+  // Short waits, so that a release (or a new queue) is seen while full.
+  constexpr int kWaitSliceMs = 20;
   TaskQueue::Task t;
   t.data = task;
   t.info = GetTypeInfo();
-  TaskQueue* que = GetTxQue();
-  if (que != nullptr && que->Push(t)) return true;
+  for (TaskQueue* que = GetTxQue(); que != nullptr; que = GetTxQue()) {
+    const bool released = released_.load(std::memory_order_acquire);
+    if (que->Push(t, released ? 0 : kWaitSliceMs)) return true;
+    if (released || que->closed()) break;
+  }
   TaskQueue::Dispose(t);
   return false;
 }
@@ -70,6 +75,10 @@ void Thread::SetOutput(void* task, int port) {
   t.data = task;
   t.info = pout_[0]->GetTypeInfo();
   TaskQueue::Dispose(t);
+}
+
+void Thread::SetOutputsReleased(bool released) {
+  for (POUT* port : pout_) port->SetReleased(released);
 }
 
 }  // namespace qo

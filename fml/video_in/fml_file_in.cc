@@ -213,6 +213,7 @@ void FileInput::Start() {
     LOG(3) << "restart video_in !!!";
     return;
   }
+  SetOutputsReleased(false);
   qo_VideoFileHandle h = qo_VideoFileOpen();
   if (h == nullptr) {
     LOG(5) << "Stream Open failed !!!";
@@ -278,6 +279,8 @@ void FileInput::Stop() {
     return;
   }
   eos_.store(true, std::memory_order_relaxed);
+  // StreamOut may be waiting on a consumer's full queue (see VideoInput::Stop).
+  SetOutputsReleased(true);
   // Stopping the decoder makes a pending or next put fail, which ends
   // StreamIn; StreamOut ends at the decoder's end of stream.
   if (qo_VideoFileStop(decoder_) != 0) LOG(3) << "Stream stop failed !!!";

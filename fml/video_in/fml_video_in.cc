@@ -104,6 +104,7 @@ void VideoInput::Start() {
     LOG(5) << "uri is NULL !!!";
     return;
   }
+  SetOutputsReleased(false);
   // The stream layer refers to the URI text instead of copying it.
   stream_uri_ = uri;
   qo_StrmHandle stream = qo_VideoStreamOpen(stream_uri_.c_str());
@@ -163,6 +164,9 @@ void VideoInput::Stop() {
     return;
   }
   stopping_.store(1, std::memory_order_relaxed);
+  // The output thread may be waiting on a consumer's full queue: its last
+  // tasks are dropped rather than the stop waiting for a consumer that is gone.
+  SetOutputsReleased(true);
   if (qo_VideoStreamStop(stream_) != 0) LOG(3) << "Stream stop failed !!!";
   // The layer's stop ends the stream; the thread sees the end (or runs out
   // of retries), sends the last task and exits.

@@ -28,8 +28,12 @@ class QO_EXPORT POUT {
   virtual ~POUT();
   // Takes ownership of task and queues it, waiting while the queue is full.
   // Without a queue, or when the queue is closed, the task is disposed of
-  // and the result is false.
+  // and the result is false. A released port does not wait: a task that
+  // finds the queue full is disposed of (false).
   virtual bool Send(void* task);
+  // Releases (or holds again) a sender waiting on a full queue: a stopping
+  // node must not wait for a consumer that may never come back.
+  void SetReleased(bool released) { released_.store(released, std::memory_order_release); }
 
   // Attaches (non-null) or detaches (null) the transmit queue.
   void SetTxQue(TaskQueue* que);
@@ -46,6 +50,7 @@ class QO_EXPORT POUT {
  private:
   std::atomic<TaskQueue*> tx_que_{nullptr};
   std::atomic<bool> enabled_{false};
+  std::atomic<bool> released_{false};
   mutable std::mutex info_mutex_;
   std::shared_ptr<const TaskTypeInfo> info_;
 };
@@ -73,6 +78,8 @@ class QO_EXPORT Thread {
   // Sends task through output port port (taking ownership); a port out of
   // range disposes of the task.
   virtual void SetOutput(void* task, int port);
+  // POUT::SetReleased on every output port.
+  void SetOutputsReleased(bool released);
 
   Prop& GetProp() { return prop_; }
   const Prop& GetProp() const { return prop_; }

@@ -78,6 +78,29 @@ std::string H264File(int width, int height, int frames) {
 // 0 means no pacing. Every access unit as the parser sees it, with its
 // decoding time, then one status-1 task. In sync mode the host pulls them
 // and nothing is sent.
+// A null node is logged by every function, at 3 or 4 by function, and
+// otherwise ignored.
+TEST(VideoInputApi, NullHandlesLogAtThreeOrFour) {
+  const struct {
+    const char* verb;
+    int severity;
+  } verbs[] = {{"destroy", 3},     {"open", 4},         {"close", 3},
+               {"update.para", 4}, {"set.attr.int", 4}, {"set.attr.string", 4}};
+  for (const auto& v : verbs) {
+    for (int level : {v.severity, v.severity + 1}) {
+      LogCapture logs(level);
+      const PackedFunc& f = testhost::Func(std::string("qo.mm.video.in.") + v.verb);
+      if (std::string(v.verb) == "set.attr.string") {
+        f(nullptr, "uri", "x");
+      } else {
+        f(nullptr, "width", 1);  // arguments are converted before the null test
+      }
+      EXPECT_EQ(logs.Count(": VideoInput is NULL !!!\n"), level == v.severity ? 1u : 0u)
+          << v.verb << " at level " << level;
+    }
+  }
+}
+
 TEST(VideoInputFile, PacedAtTheFrameRateThenTheEnd) {
   const std::string path = H264File(320, 240, 30);
   const auto ref = testmedia::ReferenceAccessUnits(path, testmedia::Codec::kH264);

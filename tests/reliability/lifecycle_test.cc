@@ -1,0 +1,370 @@
+// Every public call of both C layers and both nodes in every state a host can
+// reach, the way GStreamer's element tests take an element through each state
+// change: never started, starting (a server that accepts but never answers),
+// running with and without a puller (the queue full), server gone, stopped,
+// closed with frames still held. Each call must come back within its bound
+// (below); the sanitizer runs of this file find what leaks or races.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hal_mm_file_in.h"
+#include "hal_mm_video_in.h"
+#include "node/qo_video_in_node.h"
+#include "process_stats.h"
+#include "test_common.h"
+#include "test_host.h"
+#include "test_media.h"
+#include "test_rtsp_server.h"
+
+namespace qo {
+namespace reliability {
+namespace {
+
+using testhost::HostNode;
+
+// How long each call may take, in milliseconds (sanitizer builds add
+// kSlackMs). Stop waits up to 100 x 40 ms for a puller to see the end, then
+// pauses the pipeline.
+constexpr int64_t kAtOnceMs = 100;
+constexpr int64_t kStartMs = 3000;
+constexpr int64_t kStopMs = 4500;
+constexpr int64_t kCloseMs = 1000;
+constexpr int64_t kFileStopMs = 2500;  // the file decoder waits up to 40 x 50 ms
+constexpr int kPullS = 1;              // GetFrame's time-out in these cases
+constexpr int64_t kPullMs = kPullS * 1000 + 500;
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Runs one call and checks its bound; `what` names the call and the state.
+template <typename F>
+auto Timed(const std::string& what, int64_t bound_ms, F&& call) -> decltype(call()) {
+  struct Check {
+    const std::string& what;
+    int64_t bound, t0 = NowMs();
+    ~Check() { EXPECT_LE(NowMs() - t0, bound + kSlackMs) << what << " took too long"; }
+  } check{what, bound_ms};
+  return call();
+}
+
+// ---------------------------------------------------------------------------
+// Live-stream layer
+
+struct Source {
+  const char* name;
+  int transport;  // RTSP only
+  bool rtsp;
+};
+const Source kSources[] = {
+    {"RtspTcp", RTSP_TRANS_TCP, true},
+    {"RtspUdp", RTSP_TRANS_UDP, true},
+    {"File", 0, false},
+};
+
+class LayerLifecycle : public testing::TestWithParam<Source> {
+ protected:
+  void SetUp() override {
+    if (GetParam().rtsp) {
+      ASSERT_TRUE(server_.Start()) << server_.error();
+      url_ = server_.Url("h264");
+    } else {
+      testmedia::StreamParams p;
+      p.frames = 300;
+      const std::string path = testmedia::GenerateStream(p);
+      ASSERT_FALSE(path.empty());
+      url_ = "file://" + path;
+    }
+  }
+  qo_StrmHandle Open() {
+    qo_StrmHandle h = Timed("Open", kAtOnceMs, [&] { return qo_VideoStreamOpen(url_.c_str()); });
+    EXPECT_NE(h, nullptr);
+    qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
+    if (GetParam().rtsp) qo_VideoStreamCfg(h, "lower-trans-type", GetParam().transport);
+    return h;
+  }
+  // GetFrame in `state`: a frame, the end, or a time-out, within its bound.
+  qo_StreamInfo Pull(qo_StrmHandle h, const std::string& state) {
+    qo_StreamInfo info{};
+    Timed("GetFrame " + state, kPullMs, [&] { qo_VideoStreamGetFrame(h, &info, kPullS); });
+    return info;
+  }
+
+  test::TestRtspServer server_;
+  std::string url_;
+};
+
+// Opened, started, pulled, left unpulled until the queue is full, stopped,
+// closed with frames held, and the calls that do not belong in each state.
+TEST_P(LayerLifecycle, EveryCallInEveryState) {
+  qo_StrmHandle h = Open();
+  // Never started: no frame ever comes, stop and close only report.
+  qo_StreamInfo none = Pull(h, "never started");
+  EXPECT_EQ(none.data, nullptr);
+  EXPECT_EQ(none.eos, 1);
+  EXPECT_EQ(Timed("Stop never started", kAtOnceMs, [&] { return qo_VideoStreamStop(h); }), -1);
+  EXPECT_EQ(qo_VideoStreamLastError(h, nullptr, 0), QO_STREAM_OK);
+  ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoStreamStart(h); }), 0);
+  EXPECT_EQ(Timed("Start twice", kAtOnceMs, [&] { return qo_VideoStreamStart(h); }), -1);
+  Timed("Cfg while running", kAtOnceMs, [&] { qo_VideoStreamCfg(h, "stream-type", 32); });
+
+  // Running with a puller; three frames stay with the host.
+  std::vector<qo_StreamInfo> held;
+  for (int i = 0; i < 20 && held.size() < 3; ++i) {
+    qo_StreamInfo f = Pull(h, "running");
+    if (f.data != nullptr) held.push_back(f);
+  }
+  ASSERT_EQ(held.size(), 3u);
+  EXPECT_EQ(held[0].format, QO_PIX_FMT_H264);  // the Cfg after start changed nothing
+  // Nobody pulls: the queue fills and holds the streaming thread.
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));
+  EXPECT_EQ(Timed("Stop with a full queue", kStopMs, [&] { return qo_VideoStreamStop(h); }), 0);
+  // Stopped: what is still queued may come out, then nothing; no hang.
+  for (int i = 0; i < 12; ++i) {
+    qo_StreamInfo f = Pull(h, "stopped");
+    if (f.data == nullptr) break;
+    qo_VideoStreamFrameFree(&f);
+  }
+  EXPECT_EQ(Timed("Stop twice", kAtOnceMs, [&] { return qo_VideoStreamStop(h); }), -1);
+  Timed("Close with frames held", kCloseMs, [&] { qo_VideoStreamClose(h); });
+  // The host's frames outlive the stream.
+  for (qo_StreamInfo& f : held) {
+    EXPECT_GT(f.size, 0);
+    EXPECT_EQ(f.data[0] | f.data[1], 0);  // a start code, still readable
+    Timed("FrameFree after close", kAtOnceMs, [&] { qo_VideoStreamFrameFree(&f); });
+  }
+}
+
+// A start that fails before a pipeline exists, then the calls after it; and
+// a stream closed right after its start, before any data (still connecting).
+TEST_P(LayerLifecycle, FailedStartAndCloseWhileStarting) {
+  qo_StrmHandle failed = Open();
+  qo_VideoStreamCfg(failed, "stream-type", QO_PIX_FMT_JPEG);  // no pipeline for it
+  EXPECT_EQ(Timed("Start refused", kAtOnceMs, [&] { return qo_VideoStreamStart(failed); }), -1);
+  qo_StreamInfo none = Pull(failed, "after a failed start");
+  EXPECT_EQ(none.data, nullptr);
+  EXPECT_EQ(qo_VideoStreamStop(failed), -1);
+  // Kept as it always was: the record of a never-started stream stays.
+  Timed("Close after a failed start", kAtOnceMs, [&] { qo_VideoStreamClose(failed); });
+
+  if (GetParam().rtsp) server_.Freeze();  // accepts, never answers
+  qo_StrmHandle h = Open();
+  ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoStreamStart(h); }), 0);
+  EXPECT_EQ(Timed("Stop while starting", kStopMs, [&] { return qo_VideoStreamStop(h); }), 0);
+  Timed("Close while starting", kCloseMs, [&] { qo_VideoStreamClose(h); });
+  server_.Thaw();
+}
+
+// The server goes away while frames flow (RTSP only): pulls time out within
+// their bound, the reason is there, and stop and close stay bounded.
+TEST_P(LayerLifecycle, ServerGone) {
+  if (!GetParam().rtsp) GTEST_SKIP() << "files have no server";
+  qo_StrmHandle h = Open();
+  ASSERT_EQ(qo_VideoStreamStart(h), 0);
+  qo_StreamInfo f{};
+  for (int i = 0; i < 10 && f.data == nullptr; ++i) f = Pull(h, "running");
+  ASSERT_NE(f.data, nullptr);
+  qo_VideoStreamFrameFree(&f);
+  server_.Kill();
+  bool timed_out = false;
+  for (int i = 0; i < 15 && !timed_out; ++i) {
+    f = Pull(h, "server gone");
+    if (f.data != nullptr) qo_VideoStreamFrameFree(&f);
+    timed_out = f.data == nullptr && f.eos == 0;
+  }
+  EXPECT_TRUE(timed_out);
+  EXPECT_TRUE(
+      testutil::WaitUntil([&] { return qo_VideoStreamLastError(h, nullptr, 0) != 0; }, 5000));
+  EXPECT_EQ(Timed("Stop with the server gone", kStopMs, [&] { return qo_VideoStreamStop(h); }), 0);
+  Timed("Close with the server gone", kCloseMs, [&] { qo_VideoStreamClose(h); });
+}
+
+INSTANTIATE_TEST_SUITE_P(Sources, LayerLifecycle, testing::ValuesIn(kSources),
+                         [](const testing::TestParamInfo<Source>& p) { return p.param.name; });
+
+// ---------------------------------------------------------------------------
+// File decoder layer
+
+struct Packet {
+  qo_VideoStream stream{};
+  std::vector<uint8_t> bytes;
+  std::atomic<int>* freed;
+};
+
+// Pushes one heap packet; the layer frees it through free_func.
+int Put(qo_VideoFileHandle h, const std::vector<uint8_t>& bytes, std::atomic<int>* freed,
+        const std::string& state) {
+  auto* p = new Packet{{}, bytes, freed};
+  p->stream.stream.data = p->bytes.data();
+  p->stream.stream.size = static_cast<int32_t>(p->bytes.size());
+  p->stream.priv = p;
+  p->stream.free_func = [](void* priv) {
+    auto* packet = static_cast<Packet*>(priv);
+    (*packet->freed)++;
+    delete packet;
+  };
+  const int r = Timed("PutStream " + state, kPullMs,
+                      [&] { return qo_VideoFilePutStream(h, &p->stream, kPullS); });
+  if (r == 1) p->stream.free_func(p);  // a time-out leaves the packet with us
+  return r;
+}
+
+TEST(FileDecoderLifecycle, EveryCallInEveryState) {
+  testmedia::StreamParams params;
+  params.frames = 120;
+  params.width = 640, params.height = 480, params.pattern = 1;  // large: the input fills
+  const std::vector<testmedia::AccessUnit> units =
+      testmedia::ReferenceAccessUnits(testmedia::GenerateStream(params), params.codec);
+  ASSERT_EQ(units.size(), 120u);
+  std::atomic<int> freed{0};
+  int sent = 0;
+  auto pull = [](qo_VideoFileHandle h, const std::string& state) {
+    qo_StreamInfo info{};
+    Timed("GetFrame " + state, kPullMs, [&] { qo_VideoFileGetFrame(h, &info, kPullS); });
+    return info;
+  };
+
+  // Never started: nothing comes out, a packet waits in the input until
+  // close, and a stop ends what never began (it cannot start again).
+  qo_VideoFileHandle idle = Timed("Open", kAtOnceMs, [] { return qo_VideoFileOpen(); });
+  ASSERT_NE(idle, nullptr);
+  EXPECT_EQ(pull(idle, "never started").data, nullptr);
+  EXPECT_EQ(Put(idle, units[0].data, &freed, "never started"), 0);
+  ++sent;
+  EXPECT_EQ(Timed("Stop never started", kFileStopMs, [&] { return qo_VideoFileStop(idle); }), 0);
+  Timed("Close never started", kCloseMs, [&] { qo_VideoFileClose(idle); });
+
+  qo_VideoFileHandle h = qo_VideoFileOpen();
+  qo_VideoFileCfg(h, "size", 4096);
+  ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoFileStart(h); }), 0);
+  Timed("Cfg while running", kAtOnceMs, [&] { qo_VideoFileCfg(h, "stream-type", 33); });
+
+  // Nobody pulls: the pipeline fills up and a push times out with the packet
+  // still the caller's.
+  int timeouts = 0;
+  for (size_t i = 0; i < units.size() && timeouts == 0; ++i, ++sent) {
+    timeouts += Put(h, units[i].data, &freed, "queue filling") == 1;
+  }
+  EXPECT_EQ(timeouts, 1) << "the input never filled up";
+  // A puller takes frames; three stay with the host.
+  std::vector<qo_StreamInfo> held;
+  for (int i = 0; i < 3; ++i) held.push_back(pull(h, "running"));
+  for (const auto& f : held) ASSERT_NE(f.data, nullptr);
+  EXPECT_EQ(Timed("Stop with frames queued", kFileStopMs, [&] { return qo_VideoFileStop(h); }), 0);
+  EXPECT_EQ(pull(h, "stopped").data, nullptr);
+  EXPECT_EQ(Put(h, units[0].data, &freed, "stopped"), -1);
+  ++sent;
+  Timed("Close with frames held", kCloseMs, [&] { qo_VideoFileClose(h); });
+  for (qo_StreamInfo& f : held) {
+    EXPECT_GT(f.size, 4);
+    qo_VideoFileFrameFree(&f);
+  }
+  EXPECT_EQ(freed.load(), sent) << "a packet was not released exactly once";
+}
+
+// ---------------------------------------------------------------------------
+// Nodes, driven through their registered functions
+
+// A queue nobody empties: the node's output blocks on it.
+struct FullQueue {
+  TaskQueue queue{2};
+  ~FullQueue() {
+    queue.Close();
+    for (TaskQueue::Task t; queue.Pop(&t, 0);) TaskQueue::Dispose(t);
+  }
+};
+
+struct NodeCase {
+  const char* name;
+  const char* prefix;
+  bool rtsp;
+};
+const NodeCase kNodes[] = {
+    {"VideoInputRtsp", "qo.mm.video.in", true},
+    {"VideoInputFile", "qo.mm.video.in", false},
+    {"FileInput", "qo.mm.file.in", false},
+};
+
+class NodeLifecycle : public testing::TestWithParam<NodeCase> {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(testhost::LoadSdk(), "");
+    if (GetParam().rtsp) {
+      ASSERT_TRUE(server_.Start()) << server_.error();
+      uri_ = server_.Url("h264");
+    } else {
+      testmedia::StreamParams p;
+      p.frames = 300;
+      path_ = testmedia::GenerateStream(p);
+      ASSERT_FALSE(path_.empty());
+      uri_ = "file://" + path_;
+    }
+  }
+  void Configure(HostNode* node) {
+    if (std::string(GetParam().prefix) == "qo.mm.file.in") {
+      node->SetString("file", path_);
+    } else {
+      node->SetString("uri", uri_);
+      node->SetInt("lower-trans-type", RTSP_TRANS_TCP);
+    }
+    node->SetInt("timeout", 1);
+  }
+  test::TestRtspServer server_;
+  std::string uri_, path_;
+};
+
+// Created and never opened; opened without a source (fatal) and again with
+// one; running with a consumer, with a full queue, twice opened and
+// reconfigured; closed twice; destroyed while the host still holds frames.
+TEST_P(NodeLifecycle, EveryCallInEveryState) {
+  const std::string prefix = GetParam().prefix;
+  std::vector<NDArray> held;
+  {
+    HostNode node(prefix);
+    Timed("close never opened", kAtOnceMs, [&] { node.Call("close"); });
+    Timed("update.para never opened", kAtOnceMs, [&] { node.Call("update.para"); });
+    // Opening without a source: fatal for the video node, only logged by
+    // the file node; either way the node stays usable.
+    const std::string fatal = testutil::ErrorText([&] { node.Call("open"); });
+    EXPECT_EQ(fatal.empty(), prefix == "qo.mm.file.in") << fatal;
+    Configure(&node);
+    testhost::TaskCollector out(64, /*keep_arrays=*/true);
+    node.thread()->SetTxQue(out.queue(), 0);
+    Timed("open", kStartMs, [&] { node.Open(); });
+    ASSERT_TRUE(out.WaitFor([](const auto& t) { return t.size() >= 3; }, 10000));
+    Timed("open twice", kAtOnceMs, [&] { node.Call("open"); });
+    Timed("set.attr while running", kAtOnceMs, [&] { node.SetInt("stream-id", 9); });
+    for (const auto& t : out.Tasks()) {
+      if (t.flag == 0 && held.size() < 3) held.push_back(t.data);
+    }
+    // The consumer goes away: the next tasks wait in a full queue.
+    FullQueue full;
+    node.thread()->SetTxQue(&full.queue, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Timed("close with a full queue", kStopMs + kPullMs, [&] { node.Close(); });
+    Timed("close twice", kAtOnceMs, [&] { node.Call("close"); });
+  }  // destroyed here
+  ASSERT_EQ(held.size(), 3u);
+  for (const NDArray& a : held) {
+    ASSERT_GT(a.GetTensorDataSize(), 4u);
+    const auto* d = static_cast<const uint8_t*>(a.GetTensorData());
+    EXPECT_EQ(d[0] | d[1], 0);  // still readable after the node is gone
+  }
+  held.clear();  // the frames go back to their layer only now
+  Timed("null handle", kAtOnceMs, [&] { testhost::Func(prefix + ".close")(nullptr); });
+}
+
+INSTANTIATE_TEST_SUITE_P(Nodes, NodeLifecycle, testing::ValuesIn(kNodes),
+                         [](const testing::TestParamInfo<NodeCase>& p) { return p.param.name; });
+
+}  // namespace
+}  // namespace reliability
+}  // namespace qo
