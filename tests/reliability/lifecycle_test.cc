@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -64,6 +65,7 @@ struct Source {
   int transport;  // RTSP only
   bool rtsp;
 };
+void PrintTo(const Source& s, std::ostream* os) { *os << s.name; }
 const Source kSources[] = {
     {"RtspTcp", RTSP_TRANS_TCP, true},
     {"RtspUdp", RTSP_TRANS_UDP, true},
@@ -287,6 +289,7 @@ struct NodeCase {
   const char* prefix;
   bool rtsp;
 };
+void PrintTo(const NodeCase& n, std::ostream* os) { *os << n.name; }
 const NodeCase kNodes[] = {
     {"VideoInputRtsp", "qo.mm.video.in", true},
     {"VideoInputFile", "qo.mm.video.in", false},
