@@ -1,7 +1,5 @@
 // File input node: file sequence, feeding and output threads, and its
 // registration with the framework.
-#include <time.h>
-
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -16,16 +14,13 @@
 #include "hal_mm_file_in.h"
 #include "hal_mm_video_common.h"
 #include "node/qo_file_in_node.h"
+#include "node_common.h"
 
 namespace qo {
 namespace mm {
 
 namespace {
 
-constexpr int kIntMin = -2147483647 - 1;
-constexpr int kIntMax = 2147483647;
-// Ports that receive the node's frames.
-constexpr int kOutPorts = 4;
 constexpr int kPutTimeoutSec = 60;
 constexpr int kTimeoutAllowance = 3;
 
@@ -62,17 +57,10 @@ std::vector<int64_t> FrameShape(const qo_StreamInfo& info, int32_t* kind) {
   }
 }
 
-void SleepMs(long ms) {
-  struct timespec ts;
-  ts.tv_sec = ms / 1000;
-  ts.tv_nsec = (ms % 1000) * 1000000L;
-  nanosleep(&ts, nullptr);
-}
-
 }  // namespace
 
 FileInput::FileInput() {
-  for (int i = 0; i < kOutPorts; ++i) {
+  for (int i = 0; i < kFramePorts; ++i) {
     pout_[i]->SetTypeInfo("qo::MediaTask", TaskSerializeCustom<MediaTask>, nullptr);
   }
   prop_.SetDefault("stream-id", 0, kIntMin, kIntMax);
@@ -322,14 +310,7 @@ void FileInput::StreamFree(void* priv) {
   delete packet;
 }
 
-void FileInput::FrameFree(NDArray::Container* c) {
-  qo_StreamInfo* info = static_cast<qo_StreamInfo*>(c->manager_ctx);
-  if (info != nullptr) {
-    qo_VideoFileFrameFree(info);
-    delete info;
-  }
-  delete c;
-}
+void FileInput::FrameFree(NDArray::Container* c) { ReleaseFrame(c, qo_VideoFileFrameFree); }
 
 void FileInput::StreamIn(void* node) {
   FileInput* self = static_cast<FileInput*>(node);
@@ -398,17 +379,7 @@ int FileInput::GetFrameInternal(NDArray& out, int timeout) {
 }
 
 void FileInput::SendStream(NDArray& frame, unsigned int status) {
-  const ExtInfo* ext = frame.GetExtInfo();
-  for (int i = 0; i < kOutPorts; ++i) {
-    if (!pout_[i]->enabled()) continue;
-    MediaTask* task = new MediaTask();
-    task->data = frame;
-    task->source_id = stream_id_;
-    task->time_stamp = ext != nullptr ? static_cast<int64_t>(ext->time_stamp) : 0;
-    task->reserved = 0;
-    task->flag = static_cast<int32_t>(status);
-    pout_[i]->Send(task);
-  }
+  SendToPorts(pout_, frame, stream_id_, status);
 }
 
 void FileInput::StreamOut(void* node) {
@@ -438,7 +409,7 @@ void FileInput::StreamOut(void* node) {
     // Read before every sleep so that a new frame rate applies at once.
     double framerate = 1.0;
     if (!self->prop_.Get("framerate", framerate)) framerate = 1.0;
-    if (framerate > 0) SleepMs(static_cast<long>(1000 / framerate));
+    PaceFrame(framerate);
     retries = kTimeoutAllowance;
   }
   LOG(1) << "<<< Exit stream out thread";

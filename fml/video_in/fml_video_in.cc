@@ -1,7 +1,6 @@
 // The video input node: parameters, registration, stream start and stop, the
 // stream-out thread with its retry budget, frame arrays and the recorder.
 #include <pthread.h>
-#include <time.h>
 
 #include <cassert>
 #include <cstdint>
@@ -17,14 +16,12 @@
 #include "hal_log.h"
 #include "hal_mm_video_in.h"
 #include "node/qo_video_in_node.h"
+#include "node_common.h"
 
 namespace qo {
 namespace mm {
 
 namespace {
-
-constexpr int kIntMin = -2147483647 - 1;
-constexpr int kIntMax = 2147483647;
 
 bool StartsWith(const std::string& s, const char* prefix) { return s.find(prefix) == 0; }
 
@@ -246,13 +243,7 @@ void VideoInput::StreamOutLoop() {
       // A file plays as fast as it is read: pace it to its frame rate.
       double framerate = 1.0;
       prop_.Get("framerate", framerate);
-      if (framerate > 0) {
-        int64_t ms = static_cast<int64_t>(1000.0 / framerate);
-        struct timespec ts;
-        ts.tv_sec = static_cast<time_t>(ms / 1000);
-        ts.tv_nsec = static_cast<long>((ms % 1000) * 1000000);
-        nanosleep(&ts, nullptr);
-      }
+      PaceFrame(framerate);
     }
     budget = kRetryBudget;
   }
@@ -326,24 +317,11 @@ int VideoInput::GetStream(NDArray& frame, int timeout) {
 }
 
 void VideoInput::FrameFree(NDArray::Container* container) {
-  qo_StreamInfo* record = static_cast<qo_StreamInfo*>(container->manager_ctx);
-  qo_VideoStreamFrameFree(record);
-  delete record;
-  delete container;
+  ReleaseFrame(container, qo_VideoStreamFrameFree);
 }
 
 void VideoInput::SendStream(NDArray& frame, unsigned int status) {
-  for (int i = 0; i < kOutputPorts; ++i) {
-    if (!pout_[i]->enabled()) continue;
-    MediaTask* task = new MediaTask();
-    task->data = frame;
-    task->source_id = static_cast<int32_t>(stream_id_);
-    const ExtInfo* ext = frame.GetExtInfo();
-    task->time_stamp = ext != nullptr ? static_cast<int64_t>(ext->time_stamp) : 0;
-    task->reserved = 0;
-    task->flag = static_cast<int32_t>(status);
-    pout_[i]->Send(task);
-  }
+  SendToPorts(pout_, frame, static_cast<int32_t>(stream_id_), status);
 }
 
 void VideoInput::strm_file_save(void* data, unsigned long size, unsigned int id) {

@@ -12,6 +12,7 @@
 
 #include "hal_mm_video_in.h"
 #include "test_common.h"
+#include "test_layer_capture.h"
 #include "test_rtsp_server.h"
 
 namespace qo {
@@ -33,7 +34,7 @@ constexpr int64_t kSettleNs = 500000000, kToleranceNs = 50000000, kSettlingToler
 TEST(LiveStreamRtsp, SenderTimeAfterTheFirstReportFullRateAndAPromptStop) {
   test::TestRtspServer server;
   ASSERT_TRUE(server.Start()) << server.error();
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   EXPECT_EQ(qo_VideoStreamType(server.Url("h264").c_str()), QO_PIX_FMT_H264);
   EXPECT_EQ(qo_VideoStreamType(server.Url("h265").c_str()), QO_PIX_FMT_H265);
   EXPECT_EQ(qo_VideoStreamType(server.Url("mjpeg").c_str()), QO_PIX_FMT_MJPEG);
@@ -105,7 +106,7 @@ TEST(LiveStreamRtsp, TerseDescriptionPlaysAndRefusalsReachTheCaller) {
   ASSERT_TRUE(server.Start()) << server.error();
   test::TestRtspServer locked({{"h264=h264"}, "user", "secret"});
   ASSERT_TRUE(locked.Start()) << locked.error();
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   const std::string terse = server.Url("terse");
   EXPECT_EQ(qo_VideoStreamType(terse.c_str()), QO_PIX_FMT_MJPEG);
   qo_StrmHandle h = qo_VideoStreamOpen(terse.c_str());
@@ -156,6 +157,14 @@ TEST(LiveStreamRtsp, TerseDescriptionPlaysAndRefusalsReachTheCaller) {
     qo_VideoStreamClose(h);
   }
   EXPECT_EQ(qo_VideoStreamLastError(nullptr, text, sizeof(text)), -1);
+  // Type detection gives up on a refusal that no retry changes instead of
+  // waiting out its 10 s.
+  for (const std::string& url : {server.Url("nothing-here"), locked.Url("h264")}) {
+    const int64_t t0 = MonotonicNs();
+    EXPECT_EQ(qo_VideoStreamType(url.c_str()), QO_PIX_FMT_NONE) << url;
+    EXPECT_LT(MonotonicNs() - t0, (2000 + kSlackMs) * 1000000) << url;
+  }
+  EXPECT_TRUE(cap.Has("#>qo_VideoStreamType()error: the server has no such stream (404"));
 }
 
 // RTP over UDP that loses packets (run by in_lossy_netns.sh, skipped
@@ -165,7 +174,7 @@ TEST(LiveStreamRtsp, PacketLossNeverStallsTheStream) {
   if (!getenv("QO_LOSSY_NETNS")) GTEST_SKIP() << "needs a lossy network (in_lossy_netns.sh)";
   test::TestRtspServer server({{"h264=h264,key-int=30,size=640x360"}, "", ""});
   ASSERT_TRUE(server.Start()) << server.error();
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   const std::string url = server.Url("h264");
   qo_StrmHandle h = qo_VideoStreamOpen(url.c_str());
   qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
@@ -212,7 +221,7 @@ class LiveStreamRtspUnpulled : public testing::TestWithParam<int> {};
 TEST_P(LiveStreamRtspUnpulled, StopAndCloseReturnWithAFullQueue) {
   test::TestRtspServer server;
   ASSERT_TRUE(server.Start()) << server.error();
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   const std::string url = server.Url("h264");
   qo_StrmHandle h = qo_VideoStreamOpen(url.c_str());
   qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);

@@ -5,6 +5,9 @@
 // closed with frames still held. Each call must come back within its bound
 // (below); the sanitizer runs of this file find what leaks or races.
 #include <gtest/gtest.h>
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -55,6 +58,16 @@ auto Timed(const std::string& what, int64_t bound_ms, F&& call) -> decltype(call
     ~Check() { EXPECT_LE(NowMs() - t0, bound + kSlackMs) << what << " took too long"; }
   } check{what, bound_ms};
   return call();
+}
+
+// The layer keeps the record of a stream closed without a pipeline, on
+// purpose; the leak checker is told so for that one record.
+void IgnoreKeptRecord(const void* record) {
+#if defined(__SANITIZE_ADDRESS__)
+  __lsan_ignore_object(record);
+#else
+  (void)record;
+#endif
 }
 
 // ---------------------------------------------------------------------------
@@ -156,6 +169,7 @@ TEST_P(LayerLifecycle, FailedStartAndCloseWhileStarting) {
   EXPECT_EQ(qo_VideoStreamStop(failed), -1);
   // Kept as it always was: the record of a never-started stream stays.
   Timed("Close after a failed start", kAtOnceMs, [&] { qo_VideoStreamClose(failed); });
+  IgnoreKeptRecord(failed);
 
   if (GetParam().rtsp) server_.Freeze();  // accepts, never answers
   qo_StrmHandle h = Open();

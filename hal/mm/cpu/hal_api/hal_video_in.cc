@@ -265,19 +265,6 @@ void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo
 
 }  // namespace
 
-const char kProtoRtsp[] = "rtsp";
-const char kProtoFile[] = "file";
-const char kProtoV4l2[] = "v4l2";
-
-void HalPrint(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  char* text = g_strdup_vprintf(fmt, ap);
-  va_end(ap);
-  HalEmit(HalChannel::kVideoStream, text);
-  g_free(text);
-}
-
 int qo_VideoStreamInit() {
   MultiStreamProxy* proxy = &kGstProxy;
   pthread_mutex_lock(&proxy->lock);

@@ -114,16 +114,6 @@ bool CopyParam(MultiStreamPipeline* proxy, const char* text, const char* func) {
 
 }  // namespace
 
-bool LaunchAppend(char* buf, size_t cap, const char* fmt, ...) {
-  size_t len = strnlen(buf, cap);
-  if (len + 1 >= cap) return false;
-  va_list ap;
-  va_start(ap, fmt);
-  int n = vsnprintf(buf + len, cap - len, fmt, ap);
-  va_end(ap);
-  return n >= 0 && static_cast<size_t>(n) < cap - len;
-}
-
 const char* PipelineParamParse(MultiStreamPipeline* proxy) {
   const char* uri = proxy->uri_param;
   if (!uri) {

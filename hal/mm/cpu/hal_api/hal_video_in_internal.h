@@ -43,7 +43,7 @@ constexpr size_t kParamSize = 512;
 // One opened stream, from open (calloc) to close (free).
 struct MultiStreamPipeline {
   uint8_t iId;
-  int rtsp_trans;  // a qo_RtspTransport, but any int the caller set
+  int rtsp_trans;          // a qo_RtspTransport, but any int the caller set
   int source_stream_type;  // a qoPixelFormat, but any int the caller set
   int expo;
   int expo_auto;
@@ -91,8 +91,8 @@ int PipelineSwitchState(MultiStreamPipeline* proxy, GstState to_state, GstState 
 int PiplineInstall(MultiStreamPipeline* proxy);
 int PiplineUninstall(MultiStreamPipeline* proxy);
 
-// printf followed by a flush, so the lines interleave with other writers of
-// standard output in order and can be captured at once.
+// One text through the layer's diagnostics sink (standard output unless the
+// host set one).
 void HalPrint(const char* fmt, ...) G_GNUC_PRINTF(1, 2);
 
 // Appends a formatted piece to the NUL-terminated text in buf (capacity

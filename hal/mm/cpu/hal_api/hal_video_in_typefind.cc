@@ -43,6 +43,101 @@ void ReleasePipeline(GstElement* pipeline, GstElement* type) {
   gst_object_unref(pipeline);
 }
 
+// The probe's launch description for uri into launch; false (reported) when
+// the URL cannot be probed.
+bool ComposeTypefind(const char* uri, char* launch, size_t cap) {
+  bool ok = true;
+  if (strncmp(uri, "rtsp://", 7) == 0) {
+    ok &= LaunchAppend(launch, cap, "%s%s", "live555src name=src location=", uri);
+    ok &= LaunchAppend(launch, cap, " ! %s", "typefind name=type");
+  } else if (strncmp(uri, "v4l2://", 7) == 0) {
+    const char* path = uri + 7;
+    if (strlen(path) >= kDevicePathSize) {
+      HalPrint("#>%s()error: v4l2 device path is longer than %zu bytes!\n", "qo_VideoStreamType",
+               kDevicePathSize - 1);
+      return false;
+    }
+    char device[kDevicePathSize];
+    strncpy(device, path, sizeof(device));
+    ok &= LaunchAppend(launch, cap, "%s%s", "v4l2src name=src device=", device);
+    // A camera is probed for JPEG output only.
+    ok &= LaunchAppend(launch, cap, " ! %s", "image/jpeg ! typefind name=type");
+  } else if (strncmp(uri, "file://", 7) == 0) {
+    HalPrint("#>%s()warn: file:// is not support typefind!\n", "qo_VideoStreamType");
+    return false;
+  } else {
+    HalPrint("#>%s()error: url is not support typefind protocol!\n", "qo_VideoStreamType");
+    return false;
+  }
+  ok &= LaunchAppend(launch, cap, " ! %s", "fakesink name=sink async=false sync=false");
+  if (!ok) {
+    HalPrint("#>%s()error: typefind string is longer than %zu bytes!\n", "qo_VideoStreamType",
+             cap - 1);
+  }
+  return ok;
+}
+
+// A refusal from the RTSP source that no retry will change (401, 404, 461,
+// no video stream): waiting out the time limit would tell nothing more.
+bool PermanentRefusal(GstBus* bus) {
+  static const char* const kPermanent[] = {"unauthorized", "not-found", "unsupported-transport",
+                                           "no-video"};
+  bool refused = false;
+  while (GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_ELEMENT)) {
+    const GstStructure* s = gst_message_get_structure(msg);
+    const char* code = s && gst_structure_has_name(s, "live555src-state")
+                           ? gst_structure_get_string(s, "reason-code")
+                           : nullptr;
+    for (const char* p : kPermanent) {
+      if (code && strcmp(code, p) == 0 && !refused) {
+        HalPrint("#>%s()error: %s!\n", "qo_VideoStreamType", gst_structure_get_string(s, "reason"));
+        refused = true;
+      }
+    }
+    gst_message_unref(msg);
+  }
+  return refused;
+}
+
+// Polls every millisecond until the callback reported, the source refused
+// for good, or the whole-seconds limit passed.
+void WaitForType(GstBus* bus) {
+  struct timeval start, now;
+  gettimeofday(&start, nullptr);
+  auto elapsed_ms = [&] {
+    return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
+  };
+  while (true) {
+    usleep(1000);
+    gettimeofday(&now, nullptr);
+    if (kGstProxy.typefind_flag.load(std::memory_order_acquire)) {
+      HalPrint("------>Media typed is found consum time:%ld ms\n", elapsed_ms());
+      kGstProxy.typefind_flag.store(0, std::memory_order_relaxed);
+      return;
+    }
+    const bool refused = PermanentRefusal(bus);
+    if (refused || now.tv_sec - start.tv_sec > kTypefindLimitSec) {
+      if (!refused) HalPrint("----->typefind connect timout 10s and exit");
+      HalPrint("------>Media typed is not found consum time:%ld ms\n", elapsed_ms());
+      return;
+    }
+  }
+}
+
+void StopTypefind(GstElement* pipeline, GstElement* type) {
+  GstStateChangeReturn ret = gst_element_set_state(pipeline, GST_STATE_PAUSED);
+  if (ret == GST_STATE_CHANGE_FAILURE)
+    HalPrint("$$$$>%s state changed is failure return:%d...\n", "qo_VideoStreamType", ret);
+  else if (ret == GST_STATE_CHANGE_NO_PREROLL)
+    HalPrint("$$$$>%s state changed return:GST_STATE_CHANGE_NO_PREROLL\n", "qo_VideoStreamType");
+  usleep(1000);
+  ret = gst_element_set_state(pipeline, GST_STATE_NULL);
+  if (ret == GST_STATE_CHANGE_FAILURE)
+    HalPrint("$$$$>%s state changed is failure return:%d...\n", "qo_VideoStreamType", ret);
+  gst_object_unref(type);
+  gst_object_unref(pipeline);
+}
+
 }  // namespace
 
 qoPixelFormat qo_VideoStreamType(const char* uri) {
@@ -55,37 +150,8 @@ qoPixelFormat qo_VideoStreamType(const char* uri) {
     HalPrint("#>%s()error:url is null!\n", __func__);
     return QO_PIX_FMT_NONE;
   }
-
   char launch[kTypefindStringSize] = {0};
-  bool ok = true;
-  if (strncmp(uri, "rtsp://", 7) == 0) {
-    ok &= LaunchAppend(launch, sizeof(launch), "%s%s", "live555src name=src location=", uri);
-    ok &= LaunchAppend(launch, sizeof(launch), " ! %s", "typefind name=type");
-  } else if (strncmp(uri, "v4l2://", 7) == 0) {
-    const char* path = uri + 7;
-    if (strlen(path) >= kDevicePathSize) {
-      HalPrint("#>%s()error: v4l2 device path is longer than %zu bytes!\n", __func__,
-               kDevicePathSize - 1);
-      return QO_PIX_FMT_NONE;
-    }
-    char device[kDevicePathSize];
-    strncpy(device, path, sizeof(device));
-    ok &= LaunchAppend(launch, sizeof(launch), "%s%s", "v4l2src name=src device=", device);
-    // A camera is probed for JPEG output only.
-    ok &= LaunchAppend(launch, sizeof(launch), " ! %s", "image/jpeg ! typefind name=type");
-  } else if (strncmp(uri, "file://", 7) == 0) {
-    HalPrint("#>%s()warn: file:// is not support typefind!\n", __func__);
-    return QO_PIX_FMT_NONE;
-  } else {
-    HalPrint("#>%s()error: url is not support typefind protocol!\n", __func__);
-    return QO_PIX_FMT_NONE;
-  }
-  ok &= LaunchAppend(launch, sizeof(launch), " ! %s", "fakesink name=sink async=false sync=false");
-  if (!ok) {
-    HalPrint("#>%s()error: typefind string is longer than %zu bytes!\n", __func__,
-             sizeof(launch) - 1);
-    return QO_PIX_FMT_NONE;
-  }
+  if (!ComposeTypefind(uri, launch, sizeof(launch))) return QO_PIX_FMT_NONE;
 
   GError* error = nullptr;
   GstElement* pipeline = gst_parse_launch(launch, &error);
@@ -107,36 +173,9 @@ qoPixelFormat qo_VideoStreamType(const char* uri) {
     ReleasePipeline(pipeline, type);
     return QO_PIX_FMT_NONE;
   }
-
-  struct timeval start, now;
-  gettimeofday(&start, nullptr);
-  while (true) {
-    usleep(1000);
-    gettimeofday(&now, nullptr);
-    if (kGstProxy.typefind_flag.load(std::memory_order_acquire)) {
-      long ms = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
-      HalPrint("------>Media typed is found consum time:%ld ms\n", ms);
-      kGstProxy.typefind_flag.store(0, std::memory_order_relaxed);
-      break;
-    }
-    if (now.tv_sec - start.tv_sec > kTypefindLimitSec) {
-      long ms = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_usec - start.tv_usec) / 1000;
-      HalPrint("----->typefind connect timout 10s and exit");
-      HalPrint("------>Media typed is not found consum time:%ld ms\n", ms);
-      break;
-    }
-  }
-
-  ret = gst_element_set_state(pipeline, GST_STATE_PAUSED);
-  if (ret == GST_STATE_CHANGE_FAILURE)
-    HalPrint("$$$$>%s state changed is failure return:%d...\n", __func__, ret);
-  else if (ret == GST_STATE_CHANGE_NO_PREROLL)
-    HalPrint("$$$$>%s state changed return:GST_STATE_CHANGE_NO_PREROLL\n", __func__);
-  usleep(1000);
-  ret = gst_element_set_state(pipeline, GST_STATE_NULL);
-  if (ret == GST_STATE_CHANGE_FAILURE)
-    HalPrint("$$$$>%s state changed is failure return:%d...\n", __func__, ret);
-  gst_object_unref(type);
-  gst_object_unref(pipeline);
+  GstBus* bus = gst_element_get_bus(pipeline);
+  WaitForType(bus);
+  gst_object_unref(bus);
+  StopTypefind(pipeline, type);
   return static_cast<qoPixelFormat>(result.load(std::memory_order_relaxed));
 }
