@@ -30,6 +30,10 @@ class QO_EXPORT VideoInput : public Thread {
     kTimeout = 2,
   };
 
+  // Empty pulls in a row (of "timeout" seconds each) before the node ends
+  // the stream with a time-out task.
+  static constexpr int kRetryBudget = 3;
+
   VideoInput();
   // Neither stops the stream nor joins the stream-out thread: call Stop first.
   ~VideoInput() override {
@@ -72,7 +76,6 @@ class QO_EXPORT VideoInput : public Thread {
   void strm_file_close();
 
   static constexpr int kOutputPorts = 4;
-  static constexpr int kRetryBudget = 3;
   // Frames per recording file before switching to the other one of the ring.
   static constexpr uint32_t kFramesPerRecording = 250;
 
