@@ -2,5 +2,5 @@
 # and life cycle.
 qo_add_gtest(hal_file_in_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/file_in_test.cc
-  LIBS qosdkmm qotestcommon qotestmedia PkgConfig::GST
+  LIBS qosdkmm qotestlayer qotestcommon qotestmedia PkgConfig::GST
   LABELS hal)

@@ -11,6 +11,7 @@
 
 #include "hal_mm_file_in.h"
 #include "test_common.h"
+#include "test_layer_capture.h"
 #include "test_media.h"
 
 namespace qo {
@@ -102,7 +103,7 @@ TEST_P(FileDecoderRoundTrip, AccessUnitsMatchTheParserChainAtEveryPacketSize) {
     }
     EXPECT_TRUE((k.b_frames == 0 || reordered) && (k.slices == 1 || most_slices >= k.slices));
 
-    testutil::StdoutCapture cap;
+    testutil::LayerCapture cap;
     qo_VideoFileHandle h = qo_VideoFileOpen();
     qo_VideoFileCfg(h, "stream-type", k.type);
     qo_VideoFileCfg(h, "width", 64);
@@ -159,7 +160,7 @@ INSTANTIATE_TEST_SUITE_P(Streams, FileDecoderRoundTrip,
                          [](const auto& p) { return std::string(p.param.name); });
 
 TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   qo_VideoFileHandle h = qo_VideoFileOpen();
   qo_VideoFileCfg(h, "stream-type", 0);
   qo_VideoFileCfg(h, "size", 100);
@@ -205,7 +206,7 @@ TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
 }
 
 TEST(FileDecoderLifecycle, GetBeforeStartAndAFailedStart) {
-  testutil::StdoutCapture cap;
+  testutil::LayerCapture cap;
   qo_VideoFileHandle h = qo_VideoFileOpen();
   qo_VideoFileCfg(h, "stream-type", 33);
   uint8_t junk = 0;

@@ -13,13 +13,14 @@
 
 #include "hal_mm_video_in.h"
 #include "test_common.h"
+#include "test_layer_capture.h"
 #include "test_media.h"
 
 namespace qo {
 namespace {
 
 namespace media = testmedia;
-using testutil::StdoutCapture;
+using testutil::LayerCapture;
 using testutil::ThreadCount;
 using Props = std::vector<std::pair<const char*, int>>;
 
@@ -39,7 +40,7 @@ qo_StrmHandle OpenStarted(const std::string& uri, int type) {
 TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
   const std::string path = media::GenerateRawBytes(4096), uri = "file://" + path;
   ASSERT_EQ(ThreadCount("Gstloop"), 0);
-  StdoutCapture cap;
+  LayerCapture cap;
   qo_StrmHandle a = nullptr, b = nullptr;
   const std::string pl = "#########pl#{id} state change:old: ";
   const struct {
@@ -109,7 +110,7 @@ void Park(qo_StrmHandle h) {
 // Opens, configures and starts; returns the launch string it printed.
 std::string LaunchString(const std::string& uri, const Props& props,
                          std::string* printed = nullptr) {
-  StdoutCapture cap;
+  LayerCapture cap;
   qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
   for (const auto& p : props) qo_VideoStreamCfg(h, p.first, p.second);
   qo_VideoStreamStart(h) == 0 ? qo_VideoStreamClose(h) : Park(h);
@@ -173,7 +174,7 @@ TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
       {'t', "rtsp://h/" + std::string(430, 'r'), {}, "error: typefind string is longer"},
       {'t', dev63, {}, "$$$$>qo_VideoStreamType state changed is failure return:0...\n"}};
   for (const auto& c : cases) {
-    StdoutCapture cap;
+    LayerCapture cap;
     bool refused = true;
     if (c.op == 's') LaunchString(c.uri, c.props);
     if (c.op == 'o')
@@ -185,7 +186,7 @@ TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
   // One byte less fits, whole.
   EXPECT_EQ(LaunchString(url511, {{"stream-type", 31}}).find(url511 + " ! "), 29u);
 
-  StdoutCapture cap;
+  LayerCapture cap;
   qo_StrmHandle h = qo_VideoStreamOpen(kCamera);
   qo_StreamInfo info{};
   qo_VideoStreamGetFrame(h, &info, 1);  // before start: nothing to pull from

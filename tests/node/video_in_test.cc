@@ -13,6 +13,7 @@
 
 #include "core/qo_c_runtime_api.h"
 #include "node_test_util.h"
+#include "test_layer_capture.h"
 #include "test_media.h"
 
 namespace qo {
@@ -199,7 +200,7 @@ TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
 // by SetMode and never the kept gain. No such device exists, so the start
 // fails and the live-stream layer keeps that stream.
 TEST(VideoInputV4l2, CameraGetsItsSettingsInOrderAndNeverAKeptGain) {
-  testutil::StdoutCapture out;
+  testutil::LayerCapture out;
   VideoInputProbe node;
   node.SetMode(9);
   node.SetGain(50);

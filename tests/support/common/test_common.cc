@@ -6,7 +6,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -36,38 +35,6 @@ size_t LogCapture::Count(const std::string& needle) const {
 
 bool LogCapture::WaitFor(const std::string& needle, int timeout_ms) const {
   return WaitUntil([&] { return Count(needle) > 0; }, timeout_ms);
-}
-
-StdoutCapture::StdoutCapture() {
-  fflush(stdout);
-  char path[] = "/tmp/qo-test-stdout-XXXXXX";
-  if ((file_fd_ = mkstemp(path)) < 0) return;
-  path_ = path;
-  saved_fd_ = dup(STDOUT_FILENO);
-  dup2(file_fd_, STDOUT_FILENO);
-}
-
-std::string StdoutCapture::Text() const {
-  if (file_fd_ < 0) return text_;
-  fflush(stdout);
-  std::ifstream f(path_, std::ios::binary);
-  return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
-}
-
-bool StdoutCapture::WaitFor(const std::string& needle, int timeout_ms) const {
-  return WaitUntil([&] { return Has(needle); }, timeout_ms);
-}
-
-std::string StdoutCapture::Finish() {
-  if (file_fd_ < 0) return text_;
-  text_ = Text();
-  dup2(saved_fd_, STDOUT_FILENO);
-  close(saved_fd_);
-  close(file_fd_);
-  unlink(path_.c_str());
-  file_fd_ = -1;
-  fwrite(text_.data(), 1, text_.size(), stdout);  // echoed for the test log
-  return text_;
 }
 
 size_t CountOf(const std::string& text, const std::string& needle) {

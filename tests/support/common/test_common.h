@@ -1,6 +1,6 @@
-// Helpers shared by the core, hal and node tests: log and standard-output
-// capture, waiting with a deadline, thread counting, frame copies and
-// scratch files. Link the static library `qotestcommon`.
+// Helpers shared by the core, hal and node tests: log capture, waiting with a
+// deadline, thread counting, frame copies and scratch files. Link the static
+// library `qotestcommon`.
 #ifndef QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 #define QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 
@@ -39,22 +39,6 @@ class LogCapture {
  private:
   int saved_level_;
   std::vector<std::string> lines_;  // guarded by LogMessage::mutex_
-};
-
-// File descriptor 1 of every thread goes to a temporary file while this
-// lives (the hal layers print there); the text is echoed at the end.
-class StdoutCapture {
- public:
-  StdoutCapture();
-  ~StdoutCapture() { Finish(); }
-  std::string Text() const;
-  bool Has(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
-  bool WaitFor(const std::string& needle, int timeout_ms) const;
-  std::string Finish();
-
- private:
-  int saved_fd_ = -1, file_fd_ = -1;
-  std::string path_, text_;
 };
 
 size_t CountOf(const std::string& text, const std::string& needle);

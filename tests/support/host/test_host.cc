@@ -1,41 +1,19 @@
 #include "test_host.h"
 
-#include <dlfcn.h>
 #include <pthread.h>
-
-#include <stdexcept>
 
 namespace qo {
 namespace testhost {
 
-std::string LoadSdk() {
-  static const std::string error = [] {
-    if (dlopen(QO_SDKMM_PATH, RTLD_NOW | RTLD_GLOBAL) != nullptr) return std::string();
-    const char* err = dlerror();
-    return std::string(err != nullptr ? err : "dlopen failed: " QO_SDKMM_PATH);
-  }();
-  return error;
-}
+std::string LoadSdk() { return LoadNodeLibrary(QO_SDKMM_PATH); }
 
-const PackedFunc& Func(const std::string& name) {
+const std::string& Loaded(const std::string& name) {
   std::string error = LoadSdk();
-  if (!error.empty()) throw std::runtime_error(error);
-  const PackedFunc* f = Registry::Get(name);
-  if (f == nullptr) throw std::runtime_error("no global function " + name);
-  return *f;
+  if (!error.empty()) throw Error(error);
+  return name;
 }
 
-HostNode::HostNode(std::string prefix) : prefix_(std::move(prefix)) {
-  QORetValue rv = Func(prefix_ + ".create")();
-  if (rv.type_code() != kHandle || rv.AsHandle() == nullptr)
-    throw std::runtime_error(prefix_ + ".create returned no handle");
-  handle_ = rv.AsHandle();
-}
-
-HostNode::~HostNode() {
-  if (open_) Close();  // a started node must be closed before it is destroyed
-  Call("destroy");
-}
+const PackedFunc& Func(const std::string& name) { return HostFunction(Loaded(name)); }
 
 TaskCollector::TaskCollector(size_t capacity, bool keep_arrays)
     : keep_arrays_(keep_arrays), queue_(capacity), thread_([this] {

@@ -1,6 +1,5 @@
-// A small host for node tests: loads libqosdkmm the way the framework does,
-// drives a node through its registered global functions and collects the
-// tasks it sends.
+// The framework's host (core/qo_host.h) for node tests, with libqosdkmm of
+// the build tree loaded first, and a collector of the tasks a node sends.
 //
 //   qo::testhost::HostNode node("qo.mm.file.in");   // calls "<prefix>.create"
 //   qo::testhost::TaskCollector out;                 // a drained TaskQueue
@@ -22,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/qo_host.h"
 #include "core/qo_media_task.h"
 #include "core/qo_node.h"
 #include "core/qo_registry.h"
@@ -30,40 +30,20 @@
 namespace qo {
 namespace testhost {
 
-// Loads the library from the build tree once per process (never unloaded:
-// the registries keep its functions). "" on success, else the loader's message.
+// Loads the library from the build tree once per process (see
+// qo::LoadNodeLibrary). "" on success, else the loader's message.
 std::string LoadSdk();
-// The global function registered as name; throws std::runtime_error when missing.
+// The global function registered as name, the library loaded first; throws
+// qo::Error when missing.
 const PackedFunc& Func(const std::string& name);
 
-// One node created through "<prefix>.create"; closed if open, then
-// destroyed, at the end of its scope.
-class HostNode {
- public:
-  explicit HostNode(std::string prefix);
-  ~HostNode();
-  HostNode(const HostNode&) = delete;
-  HostNode& operator=(const HostNode&) = delete;
-  void* handle() const { return handle_; }
-  Thread* thread() const { return static_cast<Thread*>(handle_); }
-  // Calls "<prefix>.<verb>" with the node as argument 0.
-  template <typename... Args>
-  QORetValue Call(const std::string& verb, Args&&... args) {
-    return Func(prefix_ + "." + verb)(handle_, std::forward<Args>(args)...);
-  }
-  void SetInt(const std::string& key, int value) { Call("set.attr.int", key, value); }
-  void SetString(const std::string& key, const std::string& value) {
-    Call("set.attr.string", key, value);
-  }
-  // Doubles have no global function; hosts write the property store.
-  void SetDouble(const std::string& key, double value) { thread()->GetProp().Set(key, value); }
-  void Open() { open_ = true, Call("open"); }
-  void Close() { open_ = false, Call("close"); }
+// name, once the library is loaded; throws qo::Error when it cannot be.
+const std::string& Loaded(const std::string& name);
 
- private:
-  std::string prefix_;
-  void* handle_ = nullptr;
-  bool open_ = false;
+// qo::HostNode with the library of the build tree loaded first.
+class HostNode : public qo::HostNode {
+ public:
+  explicit HostNode(const std::string& name) : qo::HostNode(Loaded(name)) {}
 };
 
 // A MediaTask as it arrived.

@@ -1,17 +1,12 @@
 #include "test_rtsp_server.h"
 
-#include <fcntl.h>
+#include <glib.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
-
-extern char** environ;
 
 namespace qo {
 namespace test {
@@ -39,25 +34,18 @@ bool TestRtspServer::Start() {
   for (auto& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
 
-  int in[2] = {-1, -1}, out[2] = {-1, -1};
-  int rc = pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 ? errno : 0;
-  if (rc == 0) {
-    // posix_spawn: safe in a process that already runs GStreamer threads.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+  // GLib spawns safely from a process that already runs GStreamer threads;
+  // the child is reaped here, not by a GLib source.
+  GError* err = nullptr;
+  GPid pid = -1;
+  if (!g_spawn_async_with_pipes(nullptr, argv.data(), nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
+                                nullptr, &pid, &to_child_, &from_child_, nullptr, &err)) {
+    error_ = "cannot start " + args[0] + ": " + err->message;
+    g_error_free(err);
+    to_child_ = from_child_ = -1;
+    return false;
   }
-  for (int fd : {in[0], out[1]}) close(fd);  // -1 when pipe2 failed: harmless
-  to_child_ = in[1];
-  from_child_ = out[0];
-  if (rc != 0) {
-    pid_ = -1;
-    Kill();
-    return error_ = "cannot start " + args[0] + ": " + std::strerror(rc), false;
-  }
+  pid_ = pid;
   std::string line;
   for (int64_t end = NowMs() + 15000; ReadLine(&line, static_cast<int>(end - NowMs()));) {
     if (line.rfind("READY port=", 0) == 0) return (port_ = std::atoi(line.c_str() + 11)) > 0;

@@ -1,0 +1,41 @@
+// The diagnostics of both C layers (live streams and file decoder), taken
+// through their sinks while a LayerCapture lives. Link `qotestlayer`.
+#ifndef QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
+#define QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
+
+#include <mutex>
+#include <string>
+
+namespace qo {
+namespace testutil {
+
+// Captures nest: the innermost one takes the text, and its Finish gives the
+// sinks back to the one around it (or to standard output). At the end the
+// text is echoed there too: into the capture around it, or to standard
+// output for the test log.
+class LayerCapture {
+ public:
+  LayerCapture();
+  ~LayerCapture() { Finish(); }
+  LayerCapture(const LayerCapture&) = delete;
+  LayerCapture& operator=(const LayerCapture&) = delete;
+
+  std::string Text() const;
+  bool Has(const std::string& needle) const { return Text().find(needle) != std::string::npos; }
+  bool WaitFor(const std::string& needle, int timeout_ms) const;
+  // Ends the capture (once) and returns everything captured.
+  std::string Finish();
+
+ private:
+  static void Append(const char* text, void* self);
+
+  LayerCapture* outer_;
+  bool finished_ = false;
+  mutable std::mutex mutex_;  // the two layers may write at the same time
+  std::string text_;
+};
+
+}  // namespace testutil
+}  // namespace qo
+
+#endif  // QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
