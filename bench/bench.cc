@@ -7,14 +7,11 @@
 // runs every area; each writes DIR/AREA.md (table, targets, command) and
 // DIR/AREA.dat (its plot's data). bench/method.md says how each is measured.
 #include <dirent.h>
-#include <fcntl.h>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <pthread.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,18 +27,19 @@
 #include <sstream>
 #include <thread>
 
+#include "core/qo_host.h"
 #include "core/qo_logging.h"
 #include "core/qo_media_task.h"
 #include "core/qo_task_queue.h"
 #include "hal_mm_file_in.h"
+#include "hal_mm_video_in.h"
 #include "node/qo_file_in_node.h"
-#include "test_host.h"
 
 namespace qo {
 namespace bench {
 namespace {
 
-using Configure = std::function<void(testhost::HostNode&)>;
+using Configure = std::function<void(HostNode&)>;
 constexpr int64_t kWallFloorNs = 1000000000LL * 1000000000LL;     // Unix-epoch times are above
 constexpr uint64_t kNtpToUnixNs = 2208988800ULL * 1000000000ULL;  // 1900 to 1970
 
@@ -124,16 +122,13 @@ double TimeProcess(const std::vector<std::string>& argv, bool keep_stderr = fals
   std::vector<char*> args;
   for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
   args.push_back(nullptr);
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
-  if (!keep_stderr) posix_spawn_file_actions_adddup2(&fa, 1, 2);
+  const int flags = G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL |
+                    (keep_stderr ? 0 : G_SPAWN_STDERR_TO_DEV_NULL);
   const int64_t t0 = Now();
-  pid_t pid;
-  const int err = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  int st = 0;
-  const bool ok = err == 0 && waitpid(pid, &st, 0) == pid && WIFEXITED(st) && !WEXITSTATUS(st);
+  int status = 0;
+  const bool ok = g_spawn_sync(nullptr, args.data(), nullptr, static_cast<GSpawnFlags>(flags),
+                               nullptr, nullptr, nullptr, nullptr, &status, nullptr) &&
+                  g_spawn_check_wait_status(status, nullptr);
   return ok ? MsSince(t0) / 1e3 : -1;
 }
 
@@ -184,12 +179,12 @@ struct Cycle {
 // timeout_ms; first_ms: when it held) and closes it.
 Cycle RunNode(const std::string& prefix, const Configure& configure,
               const std::function<void(const MediaTask&, int64_t)>& fn,
-              const std::function<bool(testhost::HostNode&)>& done, int timeout_ms) {
+              const std::function<bool(HostNode&)>& done, int timeout_ms) {
   Cycle c;
   Sink sink(fn, 16);
-  testhost::HostNode node(prefix);
+  HostNode node(prefix);
   configure(node);
-  node.thread()->SetTxQue(sink.queue(), 0);
+  node.Attach(sink.queue(), 0);
   c.t0 = Now();
   node.Open();
   c.open_ms = MsSince(c.t0);
@@ -209,20 +204,21 @@ Cycle NodeCycle(const std::string& prefix, const Configure& configure) {
         int64_t none = 0;
         if (t.flag == 0) first.compare_exchange_strong(none, Now());
       },
-      [&first](testhost::HostNode&) { return first != 0; }, 10000);
+      [&first](HostNode&) { return first != 0; }, 10000);
   c.first_ms = first != 0 ? static_cast<double>(first - c.t0) / 1e6 : -1;
   return c;
 }
 
 Configure Uri(const std::string& url, int transport) {
-  return [url, transport](testhost::HostNode& n) {
+  return [url, transport](HostNode& n) {
     n.SetString("uri", url);
     n.SetInt("lower-trans-type", transport);
   };
 }
 // An H.264 file; framerate < 0: the node's default pacing.
-Configure File(const std::string& path, double framerate, int type = 31, bool sync = false) {
-  return [=](testhost::HostNode& n) {
+Configure File(const std::string& path, double framerate, int type = QO_PIX_FMT_H264,
+               bool sync = false) {
+  return [=](HostNode& n) {
     n.SetString("file", path);
     n.SetInt("stream-type", type);
     n.SetInt("sync-mode", sync ? 1 : 0);
@@ -327,7 +323,7 @@ int64_t RunFileNode(const Input& in, const std::string& path, bool sync) {
   const Cycle c = RunNode(
       "qo.mm.file.in", File(path, 0, in.type, sync),
       [&](const MediaTask& t, int64_t) { t.flag == 0 ? (void)++frames : (void)(end = true); },
-      [&](testhost::HostNode& node) {
+      [&](HostNode& node) {
         auto* fi = dynamic_cast<mm::FileInput*>(node.thread());
         for (NDArray frame; sync && (r = fi->GetFrame(frame, 10)) == 0;) ++frames;
         return sync || end;
@@ -378,9 +374,9 @@ double TimeReader(int c, const Input& in, const std::string& path, int64_t aus) 
 }
 
 void Throughput() {
-  const Input inputs[] = {{"h264", "H.264 1080p30", 31, "h264"},
-                          {"h265", "H.265 1080p30", 32, "hevc"},
-                          {"mjpeg", "MJPEG 720p30", 33, "mjpeg"}};
+  const Input inputs[] = {{"h264", "H.264 1080p30", QO_PIX_FMT_H264, "h264"},
+                          {"h265", "H.265 1080p30", QO_PIX_FMT_H265, "hevc"},
+                          {"mjpeg", "MJPEG 720p30", QO_PIX_FMT_MJPEG, "mjpeg"}};
   std::string rows, dat = "codec", misses;
   for (const char* n : kReaders) dat += Fmt("\t%s", n);
   for (const Input& in : inputs) {
@@ -470,11 +466,11 @@ void Latency() {
       if (c % 2 == 1) GstLatency(c >= 2, &log, timeout_ms);
       if (c % 2 == 0) {
         RunNode(
-            "qo.mm.video.in", Uri(Arg("url"), c >= 2 ? 4 : 1),
+            "qo.mm.video.in", Uri(Arg("url"), c >= 2 ? RTSP_TRANS_TCP : RTSP_TRANS_UDP),
             [&log](const MediaTask& t, int64_t now) {
               if (t.flag == 0) log.Add(t.time_stamp, now);
             },
-            [&log](testhost::HostNode&) { return log.done.load(); }, timeout_ms);
+            [&log](HostNode&) { return log.done.load(); }, timeout_ms);
       }
       if (!log.done || log.ms.empty()) continue;
       medians[c].push_back(Median(log.ms));
@@ -518,7 +514,7 @@ void ScaleStep() {
   files.rlim_cur = files.rlim_max;
   setrlimit(RLIMIT_NOFILE, &files);
   // One-time costs (registry, plugins) stay out of the per-stream figures.
-  NodeCycle("qo.mm.video.in", Uri(Arg("url"), 1));
+  NodeCycle("qo.mm.video.in", Uri(Arg("url"), RTSP_TRANS_UDP));
   const Proc base = SampleProc();
   struct Stream {
     int64_t last = 0, frames = 0, lost = 0;
@@ -539,13 +535,13 @@ void ScaleStep() {
         s.last = t.time_stamp;
       },
       256);
-  std::vector<std::unique_ptr<testhost::HostNode>> nodes;
+  std::vector<std::unique_ptr<HostNode>> nodes;
   int64_t t0 = Now();
   for (int i = 0; i < n; ++i) {
-    nodes.emplace_back(new testhost::HostNode("qo.mm.video.in"));
-    Uri(Arg("url"), 1)(*nodes.back());
+    nodes.emplace_back(new HostNode("qo.mm.video.in"));
+    Uri(Arg("url"), RTSP_TRANS_UDP)(*nodes.back());
     nodes.back()->SetInt("stream-id", i);
-    nodes.back()->thread()->SetTxQue(sink.queue(), 0);
+    nodes.back()->Attach(sink.queue(), 0);
     nodes.back()->Open();
   }
   const double open_s = MsSince(t0) / 1e3;
@@ -615,8 +611,10 @@ void StartStop() {
     std::function<Cycle()> cycle;
   };
   const std::vector<Row> table = {
-      {"VideoInput, RTSP over UDP", 2, [&] { return NodeCycle("qo.mm.video.in", Uri(url, 1)); }},
-      {"VideoInput, RTSP over TCP", 3, [&] { return NodeCycle("qo.mm.video.in", Uri(url, 4)); }},
+      {"VideoInput, RTSP over UDP", 2,
+       [&] { return NodeCycle("qo.mm.video.in", Uri(url, RTSP_TRANS_UDP)); }},
+      {"VideoInput, RTSP over TCP", 3,
+       [&] { return NodeCycle("qo.mm.video.in", Uri(url, RTSP_TRANS_TCP)); }},
       {"GStreamer rtspsrc, UDP (baseline)", 2, [&] { return GstCycle(rtsp + "udp" + h264); }},
       {"GStreamer rtspsrc, TCP (baseline)", 3, [&] { return GstCycle(rtsp + "tcp" + h264); }},
       {"FileInput, H.264 file", 7,
@@ -624,7 +622,7 @@ void StartStop() {
       {"FileInput, H.264 file, framerate 0", 7,
        [] { return NodeCycle("qo.mm.file.in", File(Arg("h264"), 0)); }},
       {"VideoInput, file:// H.264 file", 7,
-       [] { return NodeCycle("qo.mm.video.in", Uri("file://" + Arg("h264"), 1)); }},
+       [] { return NodeCycle("qo.mm.video.in", Uri("file://" + Arg("h264"), RTSP_TRANS_UDP)); }},
       {"GStreamer filesrc ! h264parse ! appsink (baseline)", 7,
        [] { return GstCycle("filesrc location=\"" + Arg("h264") + "\" ! " + Parser("h264")); }}};
   const int runs = static_cast<int>(Num("runs", 10));
@@ -662,7 +660,7 @@ void Churn() {
   // dozen cycles; growth counts from here.
   const int warm_at = std::max(10, cycles / 100 * 10);
   const std::vector<std::pair<std::string, Configure>> kinds = {
-      {"VideoInput, RTSP over UDP", Uri(Arg("url"), 1)},
+      {"VideoInput, RTSP over UDP", Uri(Arg("url"), RTSP_TRANS_UDP)},
       {"FileInput, H.264 file, framerate 0", File(Arg("h264"), 0)}};
   std::string rows, dat, target;
   for (const auto& k : kinds) {
@@ -723,12 +721,10 @@ int main(int argc, char** argv) {
                  "[--key value ...]\n");
     return 2;
   }
-  // The layers report frame by frame on standard output; the node log keeps
-  // its warnings, on standard error.
-  std::fflush(stdout);
-  const int null_fd = open("/dev/null", O_WRONLY);
-  dup2(null_fd, STDOUT_FILENO);
-  close(null_fd);
+  // The layers report frame by frame: their sinks drop it. The node log
+  // keeps its warnings, on standard error.
+  qo_VideoStreamSetLogSink([](const char*, void*) {}, nullptr);
+  qo_VideoFileSetLogSink([](const char*, void*) {}, nullptr);
   qo::g_log_level = 4;
   gst_init(nullptr, nullptr);
   areas.at(g_area)();
