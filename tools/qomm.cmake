@@ -8,7 +8,6 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
     ${_qomm_dir}/demo_command.cc
     ${_qomm_dir}/library_output.cc
     ${_qomm_dir}/media_type.cc
-    ${_qomm_dir}/node_player.cc
     ${_qomm_dir}/play_report.cc
     ${_qomm_dir}/play_session.cc
     ${_qomm_dir}/probe_command.cc

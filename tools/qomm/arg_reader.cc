@@ -1,9 +1,9 @@
-#include "arg_reader.h"
-
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <utility>
+
+#include "qomm.h"
 
 namespace qomm {
 

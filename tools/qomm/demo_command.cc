@@ -4,12 +4,11 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "play_session.h"
+#include "qomm.h"
 #include "rtsp_server.h"
 
 namespace qomm {
@@ -22,35 +21,20 @@ constexpr int kSampleFps = 30;
 constexpr long kRtspFrames = 90;
 constexpr double kRtspLimitS = 12;
 
-// Directory of this program ("." if unknown).
-std::string ProgramDir() {
-  char buf[4096];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-  if (n <= 0) return ".";
-  buf[n] = '\0';
-  std::string path(buf);
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
-}
-
 // Where the bundled samples are looked for, in order.
 std::vector<std::string> SampleDirs() {
   // An installed tree may have been moved: look beside the program first.
-  return {ProgramDir() + "/../" QO_SAMPLES_RELATIVE_DIR, QO_SAMPLES_INSTALL_DIR,
-          QO_SAMPLES_SOURCE_DIR};
+  std::error_code ec;
+  const std::string exe_dir = std::filesystem::read_symlink("/proc/self/exe", ec).parent_path();
+  return {exe_dir + "/../" QO_SAMPLES_RELATIVE_DIR, QO_SAMPLES_INSTALL_DIR, QO_SAMPLES_SOURCE_DIR};
 }
 
 // Path of the sample `name`, or "" when none is readable.
 std::string FindSample(const std::string& name) {
   for (const std::string& dir : SampleDirs()) {
-    std::string path = dir + "/" + name;
-    if (access(path.c_str(), R_OK) != 0) continue;
-    char* real = realpath(path.c_str(), nullptr);
-    if (real != nullptr) {
-      path = real;
-      free(real);
-    }
-    return path;
+    std::error_code ec;
+    const std::string path = dir + "/" + name;
+    if (access(path.c_str(), R_OK) == 0) return std::filesystem::weakly_canonical(path, ec);
   }
   return "";
 }

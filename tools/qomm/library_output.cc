@@ -1,5 +1,3 @@
-#include "library_output.h"
-
 #include <cstdio>
 #include <mutex>
 #include <vector>
@@ -7,6 +5,7 @@
 #include "core/qo_logging.h"
 #include "hal_mm_file_in.h"
 #include "hal_mm_video_in.h"
+#include "qomm.h"
 
 namespace qomm {
 

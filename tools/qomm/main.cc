@@ -9,12 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "arg_reader.h"
-#include "commands.h"
 #include "core/qo_logging.h"
 #include "core/qo_registry.h"
-#include "library_output.h"
-#include "play_session.h"
+#include "qomm.h"
 
 namespace qomm {
 
@@ -75,13 +72,12 @@ const char* ListUsage() {
 
 int RunList(ArgReader& args) {
   if (!args.done()) throw UsageError("list takes no arguments");
-  FILE* out = stdout;
-  std::vector<std::string> functions = qo::Registry::ListNames();
-  fprintf(out, "global functions (%zu):\n", functions.size());
-  for (const std::string& name : functions) fprintf(out, "  %s\n", name.c_str());
-  std::vector<std::string> classes = qo::NodeClassRegistry::ListNames();
-  fprintf(out, "node classes (%zu):\n", classes.size());
-  for (const std::string& name : classes) fprintf(out, "  %s\n", name.c_str());
+  for (const auto& [title, names] :
+       {std::make_pair("global functions", qo::Registry::ListNames()),
+        std::make_pair("node classes", qo::NodeClassRegistry::ListNames())}) {
+    printf("%s (%zu):\n", title, names.size());
+    for (const std::string& name : names) printf("  %s\n", name.c_str());
+  }
   return 0;
 }
 

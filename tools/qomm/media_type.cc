@@ -1,5 +1,3 @@
-#include "media_type.h"
-
 #include <gst/base/gsttypefindhelper.h>
 #include <gst/gst.h>
 #include <sys/stat.h>
@@ -11,20 +9,12 @@
 #include <fstream>
 #include <vector>
 
+#include "node/qo_media_facts.h"
+#include "qomm.h"
+
 namespace qomm {
 
 namespace {
-
-struct NamedType {
-  const char* name;
-  int type;
-};
-
-// Encoded types first; the raw ones are what a V4L2 camera can deliver.
-constexpr NamedType kNames[] = {
-    {"h264", kTypeH264}, {"h265", kTypeH265}, {"mjpeg", kTypeMjpeg}, {"nv12", 0},  {"nv21", 1},
-    {"yuyv", 3},         {"uyvy", 4},         {"nv16", 9},           {"i420", 10}, {"jpeg", 34},
-};
 
 constexpr size_t kProbeBytes = 256 * 1024;
 
@@ -37,22 +27,18 @@ bool EndsWith(const std::string& s, const char* suffix) {
 
 std::string TypeName(int type) {
   if (type == kTypeUnknown) return "unknown";
-  for (const NamedType& t : kNames) {
-    if (t.type == type) return t.name;
-  }
-  return std::to_string(type);
+  if (type == QO_PIX_FMT_JPEG) return "jpeg";
+  const qo::mm::StreamTypeFact* t = qo::mm::FindStreamType(type);
+  return t != nullptr ? t->name : std::to_string(type);
 }
 
 bool ParseType(const std::string& text, int* type) {
-  for (const NamedType& t : kNames) {
-    if (strcasecmp(text.c_str(), t.name) == 0) {
-      // "jpeg" on the command line means a motion-JPEG stream.
-      *type = t.type == 34 ? kTypeMjpeg : t.type;
-      return true;
-    }
-  }
-  if (strcasecmp(text.c_str(), "hevc") == 0) {
-    *type = kTypeH265;
+  std::string name(text);
+  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  // "jpeg" on the command line means a motion-JPEG stream.
+  if (name == "hevc" || name == "jpeg") name = name == "hevc" ? "h265" : "mjpeg";
+  if (const qo::mm::StreamTypeFact* t = qo::mm::FindStreamType(name.c_str())) {
+    *type = t->type;
     return true;
   }
   if (text.empty()) return false;

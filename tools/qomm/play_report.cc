@@ -1,11 +1,9 @@
-#include "play_report.h"
-
 #include <time.h>
 
 #include <cinttypes>
 #include <utility>
 
-#include "media_type.h"
+#include "qomm.h"
 
 namespace qomm {
 

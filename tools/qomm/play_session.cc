@@ -1,5 +1,3 @@
-#include "play_session.h"
-
 #include <unistd.h>
 
 #include <cctype>
@@ -9,24 +7,24 @@
 #include <memory>
 #include <utility>
 
-#include "commands.h"
 #include "core/qo_logging.h"
+#include "core/qo_media_task.h"
 #include "hal_mm_video_in.h"
-#include "library_output.h"
-#include "media_type.h"
+#include "node/qo_file_in_node.h"
+#include "node/qo_media_facts.h"
 #include "node/qo_video_in_node.h"
-#include "play_report.h"
-#include "snapshot.h"
+#include "qomm.h"
 
 namespace qomm {
 
 namespace {
 
 constexpr int kSliceMs = 100;
-constexpr int kTransportUdp = 1;
-constexpr int kTransportTcp = 4;
-constexpr int kRawYuyv = 3;
 constexpr int kReasonPollMs = 250;
+constexpr size_t kQueueCapacity = 16;
+// Pulls of one second keep a sync-mode host responsive to Ctrl-C and to the
+// stream's reasons.
+constexpr int kSyncPullSeconds = 1;
 // How long a failed type probe watches the stream for its reason.
 constexpr int kExplainMs = 3000;
 
@@ -47,16 +45,8 @@ bool HasScheme(const std::string& s) {
 }
 
 const char* StatusText(int status) {
-  switch (status) {
-    case 0:
-      return "frame";
-    case 1:
-      return "end of stream";
-    case 2:
-      return "time-out";
-    default:
-      return "unknown";
-  }
+  static const char* const kTexts[] = {"frame", "end of stream", "time-out"};
+  return status >= 0 && status <= 2 ? kTexts[status] : "unknown";
 }
 
 void PrintJson(FILE* out, long index, const FrameInfo& f, double t_ms) {
@@ -76,6 +66,45 @@ void PrintJson(FILE* out, long index, const FrameInfo& f, double t_ms) {
           f.status == 0 ? TypeName(f.format).c_str() : "", f.kind, f.width, f.height, f.bytes,
           pts.c_str(), age.c_str(), t_ms);
   fflush(out);
+}
+
+void Describe(const qo::NDArray& array, FrameInfo* info) {
+  info->array = array;
+  if (const qo::ExtInfo* ext = array.GetExtInfo()) {
+    info->format = ext->format;
+    info->kind = ext->kind;
+    info->width = ext->width;
+    info->height = ext->height;
+  }
+  info->bytes = array.GetTensorDataSize();
+  info->data = static_cast<const uint8_t*>(array.GetTensorData());
+}
+
+// The video input node's reason for delivering no frames: its stream error
+// code (-1 without a stream) and text.
+int LastError(const qo::HostNode& node, std::string* text) {
+  return static_cast<const qo::mm::VideoInput*>(node.thread())->LastError(text);
+}
+
+// The whole-number option name of o with its range, or null.
+std::optional<int>* IntOption(PlayOptions* o, const std::string& name, long* low, long* high) {
+  constexpr long kMin = -2147483647L - 1, kMax = 2147483647L;
+  const struct {
+    const char* name;
+    std::optional<int> PlayOptions::*field;
+    long low, high;
+  } kOptions[] = {{"--loop", &PlayOptions::loop, kMin, kMax},
+                  {"--start-index", &PlayOptions::start_index, -1, kMax},
+                  {"--stop-index", &PlayOptions::stop_index, -1, kMax},
+                  {"--timeout", &PlayOptions::timeout, kMin, kMax},
+                  {"--width", &PlayOptions::width, 0, 4096},
+                  {"--height", &PlayOptions::height, 0, 4096},
+                  {"--packet-size", &PlayOptions::packet_size, 1, kMax},
+                  {"--stream-id", &PlayOptions::stream_id, kMin, kMax}};
+  for (const auto& opt : kOptions) {
+    if (name == opt.name) return *low = opt.low, *high = opt.high, &(o->*opt.field);
+  }
+  return nullptr;
 }
 
 // The first non-empty line of a list file, as the node reads it.
@@ -143,6 +172,7 @@ const char* PlayUsage() {
 
 PlayOptions ParsePlayOptions(ArgReader& args) {
   PlayOptions o;
+  long low = 0, high = 0;
   bool have_source = false;
   while (!args.done()) {
     std::string a = args.Next();
@@ -153,31 +183,14 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
       o.type = type;
     } else if (a == "--tcp" || a == "--udp") {
       args.NoValue(a);
-      o.transport = a == "--tcp" ? kTransportTcp : kTransportUdp;
-    } else if (a == "--loop") {
-      o.loop = args.IntValue(a, -2147483647L - 1, 2147483647L);
-    } else if (a == "--start-index") {
-      o.start_index = args.IntValue(a, -1, 2147483647L);
-    } else if (a == "--stop-index") {
-      o.stop_index = args.IntValue(a, -1, 2147483647L);
+      o.transport = a == "--tcp" ? RTSP_TRANS_TCP : RTSP_TRANS_UDP;
+    } else if (std::optional<int>* v = IntOption(&o, a, &low, &high)) {
+      *v = args.IntValue(a, low, high);
     } else if (a == "--framerate") {
       o.framerate = args.DoubleValue(a, 0.0, 120.0);
-    } else if (a == "--timeout") {
-      o.timeout = args.IntValue(a, -2147483647L - 1, 2147483647L);
-    } else if (a == "--sync") {
+    } else if (a == "--sync" || a == "--record") {
       args.NoValue(a);
-      o.sync = true;
-    } else if (a == "--record") {
-      args.NoValue(a);
-      o.record = true;
-    } else if (a == "--width") {
-      o.width = args.IntValue(a, 0, 4096);
-    } else if (a == "--height") {
-      o.height = args.IntValue(a, 0, 4096);
-    } else if (a == "--packet-size") {
-      o.packet_size = args.IntValue(a, 1, 2147483647L);
-    } else if (a == "--stream-id") {
-      o.stream_id = args.IntValue(a, -2147483647L - 1, 2147483647L);
+      (a == "--sync" ? o.sync : o.record) = true;
     } else if (a == "--frames") {
       o.frames = args.IntValue(a, 1, 2147483647L);
     } else if (a == "--duration") {
@@ -212,11 +225,9 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
   if (video && o.type) {
     // The live-stream layer builds pipelines for these types only.
     const bool camera = StartsWith(o.source, "v4l2://");
-    const int t = *o.type;
-    const bool encoded = t == kTypeH264 || t == kTypeH265 || t == kTypeMjpeg;
-    const bool raw = t == 0 || t == 1 || t == 3 || t == 4 || t == 9 || t == 10;
-    if (!encoded && !(camera && raw)) {
-      throw UsageError("--type " + TypeName(t) + " does not apply to " +
+    const qo::mm::StreamTypeFact* t = qo::mm::FindStreamType(*o.type);
+    if (t == nullptr || (t->raw_format != nullptr && !camera)) {
+      throw UsageError("--type " + TypeName(*o.type) + " does not apply to " +
                        o.source.substr(0, o.source.find("://") + 3) + " sources (" +
                        (camera ? "h264, h265, mjpeg, nv12, nv21, yuyv, uyvy, nv16 or i420"
                                : "h264, h265 or mjpeg") +
@@ -258,16 +269,18 @@ int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::s
     // The type probe keeps the stream's reason to itself and waits out its
     // limit on any refusal: a short run of the node learns the reason first.
     try {
-      NodePlayer watch(NodeKind::kVideoInput, /*sync=*/false);
+      qo::HostNode watch(kVideoNode);
       watch.SetString("uri", uri);
-      watch.SetInt("stream-type", kTypeH264);
+      watch.SetInt("stream-type", QO_PIX_FMT_H264);
       if (transport) watch.SetInt("lower-trans-type", *transport);
+      watch.AttachQueue(0, kQueueCapacity);
       watch.Open();
-      FrameInfo frame;
-      for (int waited = 0; waited < kExplainMs && !watch.Next(&frame, kReasonPollMs);
+      qo::TaskQueue::Task task;
+      for (int waited = 0; waited < kExplainMs && !watch.Pop(&task, kReasonPollMs);
            waited += kReasonPollMs) {
-        if ((code = watch.LastError(why)) > 0) break;
+        if ((code = LastError(watch, why)) > 0) break;
       }
+      qo::TaskQueue::Dispose(task);
     } catch (const qo::Error& e) {
       *why = ErrorMessage(e.what());
     }
@@ -281,7 +294,7 @@ int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::s
 std::string PlaySession::Prepare() {
   const std::string& src = options_.source;
   const bool file_input = options_.list || !HasScheme(src);
-  node_kind_ = file_input ? NodeKind::kFileInput : NodeKind::kVideoInput;
+  node_ = file_input ? kFileNode : kVideoNode;
   path_ = file_input ? src : src.substr(7);
   if (!StartsWith(src, "rtsp://")) {
     const std::string why = CheckReadable(path_);
@@ -305,20 +318,21 @@ std::string PlaySession::Prepare() {
   if (type_ == kTypeUnknown && StartsWith(src, "v4l2://")) {
     // Cameras are probed for JPEG only: anything else is taken for YUYV.
     fprintf(stderr, "qomm: %s sends no JPEG; trying yuyv (see --type)\n", src.c_str());
-    type_ = kRawYuyv;
+    type_ = QO_PIX_FMT_YUV422_YUYV;
   }
   return type_ == kTypeUnknown ? "cannot open " + src + ": " + why : "";
 }
 
-void PlaySession::Configure(NodePlayer* player) const {
+void PlaySession::Configure(qo::HostNode* player) const {
   const PlayOptions& o = options_;
+  if (o.sync) player->SetInt("sync-mode", 1);
   player->SetInt("stream-type", type_);
   if (o.stream_id) player->SetInt("stream-id", *o.stream_id);
   if (o.timeout) player->SetInt("timeout", *o.timeout);
   if (o.framerate) player->SetDouble("framerate", *o.framerate);
   if (o.width) player->SetInt("width", *o.width);
   if (o.height) player->SetInt("height", *o.height);
-  if (node_kind_ == NodeKind::kFileInput) {
+  if (node_ == kFileNode) {
     player->SetString(o.list ? "file-list" : "file", path_);
     if (o.loop) player->SetInt("loop", *o.loop);
     if (o.start_index) player->SetInt("start-index", *o.start_index);
@@ -331,12 +345,45 @@ void PlaySession::Configure(NodePlayer* player) const {
   }
 }
 
+bool PlaySession::Next(qo::HostNode* node, FrameInfo* info) {
+  *info = FrameInfo();
+  if (!options_.sync) {
+    qo::TaskQueue::Task task;
+    if (!node->Pop(&task, kSliceMs)) return false;
+    if (const auto* media = static_cast<const qo::MediaTask*>(task.data)) {
+      info->status = media->flag;
+      info->source_id = media->source_id;
+      info->pts = static_cast<uint64_t>(media->time_stamp);
+      Describe(media->data, info);
+    }
+    qo::TaskQueue::Dispose(task);
+    return true;
+  }
+  qo::NDArray frame;
+  qo::Thread* t = node->thread();
+  const int r = node_ == kFileNode
+                    ? static_cast<qo::mm::FileInput*>(t)->GetFrame(frame, kSyncPullSeconds)
+                    : static_cast<qo::mm::VideoInput*>(t)->GetFrame(frame, kSyncPullSeconds);
+  if (r < 0) throw qo::Error("the node refused the pull: it is not running in sync mode");
+  info->source_id = options_.stream_id.value_or(0);
+  // As the node's own output thread allows; a non-positive time-out waits
+  // without end, as the node's does.
+  if (r == 2 && (Timeout() <= 0 || ++empty_pulls_ < Timeout() * kRetries)) return false;
+  empty_pulls_ = 0;
+  info->status = r;
+  if (r == 0) {
+    Describe(frame, info);
+    if (const qo::ExtInfo* ext = frame.GetExtInfo()) info->pts = ext->time_stamp;
+  }
+  return true;
+}
+
 int PlaySession::Run() {
   const PlayOptions& o = options_;
   std::string why = Prepare();
   if (!why.empty()) return Fail(why);
 
-  const char* node_name = node_kind_ == NodeKind::kFileInput ? "file input" : "video input";
+  const char* node_name = node_ == kFileNode ? "file input" : "video input";
   std::string title = MaskPasswords(o.title.empty() ? "play " + o.source : o.title);
   title += " (" + std::string(node_name) + ", " + TypeName(type_) + (o.sync ? ", sync" : "") + ")";
   PlayReport::Progress progress = PlayReport::Progress::kPeriodic;
@@ -359,8 +406,9 @@ int PlaySession::Run() {
     end = "failed";
   };
   try {
-    NodePlayer player(node_kind_, o.sync);
+    qo::HostNode player(node_);
     Configure(&player);
+    if (!o.sync) player.AttachQueue(0, kQueueCapacity);
     LibraryOutput::Hold();
     try {
       player.Open();
@@ -383,7 +431,7 @@ int PlaySession::Run() {
         break;
       }
       FrameInfo frame;
-      if (player.Next(&frame, kSliceMs)) {
+      if (Next(&player, &frame)) {
         LibraryOutput::Release(true);
         if (o.json) PrintJson(out, index, frame, report.SecondsSinceBegin() * 1000);
         index++;
@@ -394,8 +442,8 @@ int PlaySession::Run() {
         }
         if (frame.status == 2) {
           std::string reason;
-          if (player.LastError(&reason) <= 0) {
-            reason = "no frame for " + std::to_string(3 * (o.timeout ? *o.timeout : 3)) + " s";
+          if (node_ != kVideoNode || LastError(player, &reason) <= 0) {
+            reason = "no frame for " + std::to_string(kRetries * Timeout()) + " s";
           }
           failed(reason);
           end = "time-out";
@@ -419,7 +467,7 @@ int PlaySession::Run() {
         // after the node's time-out.
         last_check_s = report.SecondsSinceBegin();
         std::string reason;
-        if (IsPermanent(player.LastError(&reason))) {
+        if (node_ == kVideoNode && IsPermanent(LastError(player, &reason))) {
           failed(reason);
           break;
         }
@@ -440,9 +488,11 @@ int PlaySession::Run() {
   FILE* summary = o.json ? stderr : out;
   if (failure.empty() || report.frames() > 0) report.PrintSummary(summary);
   if (o.record && report.frames() > 0) {
-    // The node's recorder: a ring of two files per stream id.
-    unsigned id = static_cast<unsigned>(o.stream_id ? *o.stream_id : 0);
-    fprintf(summary, "  recorded:    /tmp/strm_%02x_0 and /tmp/strm_%02x_1 (raw frames)\n", id, id);
+    const unsigned id = static_cast<unsigned>(o.stream_id ? *o.stream_id : 0);
+    char first[64], second[64];
+    snprintf(first, sizeof(first), qo::mm::kRecordingPathPattern, id, 0u);
+    snprintf(second, sizeof(second), qo::mm::kRecordingPathPattern, id, 1u);
+    fprintf(summary, "  recorded:    %s and %s (raw frames)\n", first, second);
     fflush(summary);
   }
   if (!failure.empty()) return Fail(failure);

@@ -2,10 +2,8 @@
 #include <cstdio>
 #include <string>
 
-#include "commands.h"
-#include "library_output.h"
-#include "media_type.h"
-#include "play_session.h"
+#include "node/qo_media_facts.h"
+#include "qomm.h"
 
 namespace qomm {
 
@@ -41,7 +39,7 @@ int RunProbe(ArgReader& args) {
     if (type == kTypeUnknown && why.empty()) why = "neither H.264, H.265 nor JPEG";
   }
   // Only the three encoded types are detected; anything else reads as unknown.
-  if (type != kTypeH264 && type != kTypeH265 && type != kTypeMjpeg) type = kTypeUnknown;
+  if (!qo::mm::IsEncodedType(type)) type = kTypeUnknown;
   printf("%s\n", TypeName(type).c_str());
   fflush(stdout);
   if (type == kTypeUnknown) {

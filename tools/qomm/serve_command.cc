@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "media_type.h"
+#include "qomm.h"
 #include "rtsp_server.h"
 
 namespace qomm {
@@ -70,17 +69,14 @@ int RunServe(ArgReader& args) {
     std::string error;
     int type = DetectFileType(file, &error);
     qo::tools::RtspStreamSpec stream;
-    if (type == kTypeH264) {
-      stream.codec = qo::tools::RtspCodec::kH264;
-    } else if (type == kTypeH265) {
-      stream.codec = qo::tools::RtspCodec::kH265;
-    } else if (type == kTypeMjpeg) {
-      stream.codec = qo::tools::RtspCodec::kMjpeg;
-    } else {
+    using qo::tools::RtspCodec;
+    constexpr RtspCodec kCodecs[] = {RtspCodec::kH264, RtspCodec::kH265, RtspCodec::kMjpeg};
+    if (!qo::mm::IsEncodedType(type)) {
       fprintf(stderr, "qomm: cannot serve %s: %s\n", file.c_str(),
               error.empty() ? "neither H.264, H.265 nor MJPEG" : error.c_str());
       return 1;
     }
+    stream.codec = kCodecs[type - kTypeH264];
     std::string mount = "/" + BaseName(file);
     for (int n = 2; mounts.count(mount) > 0; ++n)
       mount = "/" + BaseName(file) + "-" + std::to_string(n);

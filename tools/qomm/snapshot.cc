@@ -1,12 +1,11 @@
-#include "snapshot.h"
-
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 
 #include <cstdio>
 #include <utility>
 
-#include "media_type.h"
+#include "node/qo_media_facts.h"
+#include "qomm.h"
 
 namespace qomm {
 
@@ -16,25 +15,6 @@ namespace {
 constexpr int kMaxFedFrames = 600;
 constexpr GstClockTime kPullPerFrame = 20 * GST_MSECOND;
 constexpr GstClockTime kDrainWait = 5 * GST_SECOND;
-
-const char* RawFormat(int type) {
-  switch (type) {
-    case 0:
-      return "NV12";
-    case 1:
-      return "NV21";
-    case 3:
-      return "YUY2";
-    case 4:
-      return "UYVY";
-    case 9:
-      return "NV16";
-    case 10:
-      return "I420";
-    default:
-      return nullptr;
-  }
-}
 
 }  // namespace
 
@@ -77,7 +57,8 @@ bool Snapshot::Build(const FrameInfo& frame) {
       decode = "jpegdec";
       break;
     default: {
-      const char* raw = RawFormat(frame.format);
+      const qo::mm::StreamTypeFact* fact = qo::mm::FindStreamType(frame.format);
+      const char* raw = fact != nullptr ? fact->raw_format : nullptr;
       if (raw == nullptr || frame.width <= 0 || frame.height <= 0) {
         Fail("cannot decode pictures of type " + TypeName(frame.format));
         return false;
