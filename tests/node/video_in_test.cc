@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/qo_c_runtime_api.h"
+#include "node/qo_media_facts.h"
 #include "node_test_util.h"
 #include "test_layer_capture.h"
 #include "test_media.h"
@@ -160,10 +161,12 @@ TEST(VideoInputFile, PacedAtTheFrameRateThenTheEnd) {
 // closed as open, it records nothing more.
 TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
   const unsigned id = 0x6000u + static_cast<unsigned>(getpid() % 0x1000);  // per process
-  char hex[8];
-  snprintf(hex, sizeof(hex), "%02x", id);
-  const std::string paths[2] = {"/tmp/strm_" + std::string(hex) + "_0",
-                                "/tmp/strm_" + std::string(hex) + "_1"};
+  std::string paths[mm::kRecordingFiles];
+  for (unsigned i = 0; i < mm::kRecordingFiles; ++i) {
+    char path[64];
+    snprintf(path, sizeof(path), mm::kRecordingPathPattern, id, i);
+    paths[i] = path;
+  }
   for (const std::string& p : paths) unlink(p.c_str());
   TaskCollector port(64, /*keep_arrays=*/true);
   HostNode g("qo.mm.video.in");
@@ -180,7 +183,8 @@ TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
   std::vector<uint8_t> expected[2];
   for (size_t i = 0; i < 300; ++i) {
     const std::vector<uint8_t> bytes = Bytes(tasks[i].data);
-    expected[i >= 251].insert(expected[i >= 251].end(), bytes.begin(), bytes.end());
+    std::vector<uint8_t>& file = expected[i >= mm::kFramesPerRecordingFile];
+    file.insert(file.end(), bytes.begin(), bytes.end());
   }
   for (int pass = 0; pass < 2; ++pass) {
     EXPECT_TRUE(testmedia::ReadFile(paths[0]) == expected[0] &&
