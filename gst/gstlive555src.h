@@ -36,8 +36,7 @@ GType gst_live555_src_get_type(void);
  * when the element is available. */
 gboolean qo_live555src_register_static(void);
 
-/* Registers the element with @plugin (used by the plugin module). */
-gboolean qo_live555src_register(GstPlugin* plugin);
+GST_ELEMENT_REGISTER_DECLARE(live555src);
 
 G_END_DECLS
 

@@ -5,8 +5,8 @@
 #define PACKAGE "qosdkmm"
 #endif
 
-static gboolean plugin_init(GstPlugin* plugin) { return qo_live555src_register(plugin); }
+static gboolean plugin_init(GstPlugin* plugin) { return GST_ELEMENT_REGISTER(live555src, plugin); }
 
 GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, live555src,
                   "RTSP video source delivering H.264, H.265 or JPEG elementary streams",
-                  plugin_init, "0.1.0", "Proprietary", "qosdkmm", "qosdkmm")
+                  plugin_init, QO_VERSION, "Proprietary", "qosdkmm", "qosdkmm")

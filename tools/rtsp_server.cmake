@@ -6,7 +6,7 @@ if(GST_RTSP_SERVER_FOUND)
     ${CMAKE_CURRENT_LIST_DIR}/rtsp_server/rtsp_server.cc)
   target_include_directories(qortspserver PUBLIC ${CMAKE_CURRENT_LIST_DIR}/rtsp_server)
   target_link_libraries(qortspserver PUBLIC PkgConfig::GST_RTSP_SERVER PkgConfig::GST_RTSP PkgConfig::GST PkgConfig::QO_GIO
-                        Threads::Threads)
+                        Threads::Threads $<BUILD_INTERFACE:qo_sanitize>)
 
   add_executable(qo-rtsp-server ${CMAKE_CURRENT_LIST_DIR}/rtsp_server/main.cc)
   target_link_libraries(qo-rtsp-server PRIVATE qortspserver)

@@ -1,5 +1,7 @@
 #include "hal_log.h"
 
+#include <glib.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>

@@ -3,8 +3,6 @@
 #ifndef HAL_LOG_H_
 #define HAL_LOG_H_
 
-#include <glib.h>
-
 #include "hal_mm_video_common.h"
 
 enum class HalChannel { kVideoStream = 0, kVideoFile = 1 };
@@ -12,6 +10,6 @@ enum class HalChannel { kVideoStream = 0, kVideoFile = 1 };
 void HalSetSink(HalChannel channel, qo_LogSinkFunction sink, void* user_data);
 // Hands text, exactly as it would be printed, to the channel's sink.
 void HalEmit(HalChannel channel, const char* text);
-void HalEmitf(HalChannel channel, const char* fmt, ...) G_GNUC_PRINTF(2, 3);
+void HalEmitf(HalChannel channel, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
 #endif  // HAL_LOG_H_
