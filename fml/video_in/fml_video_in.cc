@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "core/qo_logging.h"
@@ -35,6 +38,51 @@ bool InMask(int32_t format, uint32_t mask) {
 }
 
 VideoInput* NodeOf(void* handle) { return static_cast<VideoInput*>(handle); }
+
+// What a node counts beyond its stream's own counters. Kept beside the nodes
+// (keyed by node) so that the node's layout stays as hosts compiled it.
+struct NodeCounters {
+  std::atomic<uint64_t> timeout_tasks{0};
+  // The reason of the last failed start; guarded by g_counters_lock.
+  int start_code = -1;
+  std::string start_text;
+};
+std::mutex g_counters_lock;
+std::unordered_map<const VideoInput*, std::shared_ptr<NodeCounters>> g_counters;
+
+std::shared_ptr<NodeCounters> CountersOf(const VideoInput* node) {
+  std::lock_guard<std::mutex> lock(g_counters_lock);
+  auto& slot = g_counters[node];
+  if (!slot) slot = std::make_shared<NodeCounters>();
+  return slot;
+}
+
+void JsonString(std::string* out, const char* text) {
+  *out += '"';
+  for (const char* c = text; *c != '\0'; ++c) {
+    const auto u = static_cast<unsigned char>(*c);
+    if (u == '"' || u == '\\') {
+      *out += '\\';
+      *out += *c;
+    } else if (u < 0x20) {
+      char esc[8];
+      snprintf(esc, sizeof(esc), "\\u%04x", u);
+      *out += esc;
+    } else {
+      *out += *c;
+    }
+  }
+  *out += '"';
+}
+
+void JsonAgeMs(std::string* out, const char* key, int64_t ns) {
+  char buf[64];
+  if (ns == -1)
+    snprintf(buf, sizeof(buf), ",\"%s\":null", key);
+  else
+    snprintf(buf, sizeof(buf), ",\"%s\":%.3f", key, static_cast<double>(ns) / 1e6);
+  *out += buf;
+}
 
 }  // namespace
 
@@ -84,10 +132,53 @@ void VideoInput::SetGain(unsigned char gain) {
 }
 
 int VideoInput::LastError(std::string* text) const {
+  if (stream_ == nullptr) {
+    std::lock_guard<std::mutex> lock(g_counters_lock);
+    auto it = g_counters.find(this);
+    const bool failed = it != g_counters.end() && it->second->start_code >= 0;
+    if (text) *text = failed ? it->second->start_text : "";
+    return failed ? it->second->start_code : -1;
+  }
   char buf[256] = "";
-  const int code = stream_ != nullptr ? qo_VideoStreamLastError(stream_, buf, sizeof(buf)) : -1;
+  const int code = qo_VideoStreamLastError(stream_, buf, sizeof(buf));
   if (text) *text = buf;
   return code;
+}
+
+void VideoInput::Stats(qo_StreamStats* stream, uint64_t* timeout_tasks) const {
+  if (stream_ == nullptr || qo_VideoStreamGetStats(stream_, stream) != 0) {
+    *stream = qo_StreamStats{};
+    stream->last_age_ns = stream->median_age_ns = -1;
+    std::string text;
+    stream->reason = LastError(&text);
+    snprintf(stream->reason_text, sizeof(stream->reason_text), "%s", text.c_str());
+  }
+  *timeout_tasks = CountersOf(this)->timeout_tasks.load(std::memory_order_relaxed);
+}
+
+std::string VideoInput::StatsJson() const {
+  qo_StreamStats s;
+  uint64_t timeout_tasks = 0;
+  Stats(&s, &timeout_tasks);
+  char buf[256];
+  snprintf(buf, sizeof(buf),
+           "{\"frames\":%llu,\"bytes\":%llu,\"timeouts\":%llu,\"timeout_tasks\":%llu,"
+           "\"reconnects\":%llu",
+           static_cast<unsigned long long>(s.frames), static_cast<unsigned long long>(s.bytes),
+           static_cast<unsigned long long>(s.timeouts),
+           static_cast<unsigned long long>(timeout_tasks),
+           static_cast<unsigned long long>(s.reconnects));
+  std::string out = buf;
+  JsonAgeMs(&out, "last_age_ms", s.last_age_ns);
+  JsonAgeMs(&out, "median_age_ms", s.median_age_ns);
+  out += ",\"reason_code\":" + std::to_string(s.reason) + ",\"reason\":";
+  JsonString(&out, s.reason_text);
+  return out + "}";
+}
+
+void VideoInput::ForgetStats() {
+  std::lock_guard<std::mutex> lock(g_counters_lock);
+  g_counters.erase(this);
 }
 
 void VideoInput::Start() {
@@ -135,10 +226,23 @@ void VideoInput::Start() {
   }
   // A stream whose start failed stays open: the layer keeps its record.
   if (qo_VideoStreamStart(stream) != 0) {
-    LOG(5) << "Stream start failed !!!";
+    char text[256] = "";
+    const int code = qo_VideoStreamLastError(stream, text, sizeof(text));
+    {
+      std::shared_ptr<NodeCounters> counters = CountersOf(this);
+      std::lock_guard<std::mutex> lock(g_counters_lock);
+      counters->start_code = code == QO_STREAM_OK ? QO_STREAM_ERROR : code;
+      counters->start_text = text[0] != '\0' ? text : "the stream did not start";
+    }
+    LOG(5) << "Stream start failed !!!" << (text[0] != '\0' ? ": " : "") << text;
     return;
   }
   stream_ = stream;
+  {
+    std::lock_guard<std::mutex> lock(g_counters_lock);
+    auto it = g_counters.find(this);
+    if (it != g_counters.end()) it->second->start_code = -1;
+  }
   value = 0;
   if (prop_.Get("sync-mode", value)) sync_mode_ = value;
   if (sync_mode_ == 1) return;
@@ -227,6 +331,7 @@ void VideoInput::StreamOutLoop() {
       LOG(2) << "get stream timeout:" << budget;
       if (budget != 0) continue;
       status = kTimeout;
+      CountersOf(this)->timeout_tasks.fetch_add(1, std::memory_order_relaxed);
     } else {
       if (save_stream_ != 0) {
         strm_file_save(frame.GetTensorData(), frame.GetTensorDataSize(), stream_id_);
@@ -430,6 +535,13 @@ QO_REGISTER_GLOBAL("qo.mm.video.in.last.error").set_body([](QOArgs args, QORetVa
 QO_REGISTER_GLOBAL("qo.mm.video.in.last.error.code").set_body([](QOArgs args, QORetValue* rv) {
   void* p = args[0];
   *rv = p != nullptr ? NodeOf(p)->LastError(nullptr) : -1;
+});
+
+// The node's counters as a JSON object (VideoInput::StatsJson); "" for a
+// null node.
+QO_REGISTER_GLOBAL("qo.mm.video.in.stats").set_body([](QOArgs args, QORetValue* rv) {
+  void* p = args[0];
+  *rv = p != nullptr ? NodeOf(p)->StatsJson() : std::string();
 });
 
 QO_REGISTER_GLOBAL("qo.mm.video.in.stream.type").set_body([](QOArgs args, QORetValue* rv) {

@@ -39,6 +39,7 @@ class QO_EXPORT VideoInput : public Thread {
   ~VideoInput() override {
     LOG(1) << "class VideoInput instance destoryed !!!"
            << "\n";
+    ForgetStats();
   }
 
   void Start() override;
@@ -60,7 +61,19 @@ class QO_EXPORT VideoInput : public Thread {
   // Why the running stream delivers no frames: a qo_StreamError code (0 when
   // nothing is wrong) and its one-line text; -1 and "" without a stream (read
   // it before Stop). Safe from any thread while the node runs.
+  // After a failed Start (stream_ unset), the reason of that failure, e.g.
+  // QO_STREAM_TOO_MANY_FILES.
   int LastError(std::string* text) const;
+
+  // The stream's counters (see qo_StreamStats; zeros and the last failure's
+  // reason without a stream) and the time-out tasks this node sent. Cheap:
+  // meant to be read every second for every node.
+  void Stats(qo_StreamStats* stream, uint64_t* timeout_tasks) const;
+  // The same as one JSON object with stable keys: "frames", "bytes",
+  // "timeouts", "timeout_tasks", "reconnects", "last_age_ms",
+  // "median_age_ms" (null until a sender-stamped frame), "reason_code",
+  // "reason".
+  std::string StatsJson() const;
 
  protected:
   static void* StreamOut(void* self);
@@ -99,6 +112,8 @@ class QO_EXPORT VideoInput : public Thread {
 
  private:
   void StreamOutLoop();
+  // Drops the node's entry in the counters' side table.
+  void ForgetStats();
 };
 
 }  // namespace mm

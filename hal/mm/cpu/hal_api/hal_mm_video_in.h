@@ -65,6 +65,7 @@ typedef enum {
   QO_STREAM_NO_DATA = 7,               /* connected, but no data arrives */
   QO_STREAM_ENDED = 8,                 /* the server ended the stream */
   QO_STREAM_ERROR = 9,                 /* any other failure (see the text) */
+  QO_STREAM_TOO_MANY_FILES = 10,       /* the process is out of descriptors */
 } qo_StreamError;
 
 /* The reason of the stream's last connection loss or failure, cleared when
@@ -73,6 +74,27 @@ typedef enum {
  * buf when buf is not NULL. Passwords in URLs are shown as "***". Any thread,
  * any time between Open and Close. */
 QO_C_API int qo_VideoStreamLastError(qo_StrmHandle handle, char* buf, int len);
+
+/* A stream's counters since Open, as qo_VideoStreamGetStats copies them.
+ * Frame ages are measured only for frames stamped with the sender's wall
+ * clock (RTSP with sender reports): age = this host's CLOCK_REALTIME when the
+ * frame is pulled minus the stamp, so they include any clock offset between
+ * the two hosts. -1 while no stamped frame has been pulled. */
+typedef struct {
+  uint64_t frames;        /* frames pulled by GetFrame */
+  uint64_t bytes;         /* their payload bytes */
+  uint64_t timeouts;      /* GetFrame calls that ended without a frame or EOS */
+  uint64_t reconnects;    /* reconnection attempts of the RTSP source */
+  int64_t last_age_ns;    /* age of the last stamped frame */
+  int64_t median_age_ns;  /* median age over the last 32 stamped frames */
+  int reason;             /* qo_VideoStreamLastError's code */
+  char reason_text[256];  /* and its text */
+} qo_StreamStats;
+
+/* Copies the stream's counters into *stats: 0, or -1 for a NULL argument.
+ * Cheap (a few atomic loads and the reason lock); any thread, any time
+ * between Open and Close. */
+QO_C_API int qo_VideoStreamGetStats(qo_StrmHandle handle, qo_StreamStats* stats);
 
 /* Sends the layer's diagnostic texts to sink instead of standard output;
  * NULL restores standard output. Takes effect for the next text. */

@@ -1,12 +1,15 @@
 // Live-stream layer: the process-wide proxy with its "Gstloop" main-loop
 // thread, the bus watch, state switching, pipeline installation, and the
 // public stream lifecycle with the frame pull.
+#include <fcntl.h>
 #include <gst/app/gstappsink.h>
 #include <gst/base/gstbasesink.h>
 #include <gst/gst.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +32,13 @@ constexpr int kStopPolls = 100;
 constexpr useconds_t kStopPollUs = 40000;
 // Bound on waiting for a bus watch that is being dispatched right now.
 constexpr int kWatchReleasePolls = 50000;  // x 100 us = 5 s
+// Descriptors a stream must find free before it starts. One RTSP stream
+// holds about 14 (sockets, the buses' and the tasks' wake-up pipes); a start
+// that runs out half-way fails in some element, late and with an unclear
+// message, so the whole need is checked up front.
+constexpr int kStartDescriptors = 24;
+constexpr int64_t kWallFloorNs = 1000000000LL * 1000000000LL;  // Unix-epoch stamps are above
+constexpr char kTooManyFiles[] = "too many open files";
 
 void* GstLoopTask(void* usrdata) {
   MultiStreamProxy* proxy = static_cast<MultiStreamProxy*>(usrdata);
@@ -43,6 +53,25 @@ void SetReason(MultiStreamPipeline* proxy, int reason, const char* text) {
   proxy->reason = reason;
   g_strlcpy(proxy->reason_text, text ? text : "", sizeof(proxy->reason_text));
   pthread_mutex_unlock(&proxy->reason_lock);
+}
+
+// Elements report running out of descriptors only in their message text.
+bool IsTooManyFiles(const char* text) {
+  return text && (strstr(text, "Too many open files") || strstr(text, kTooManyFiles));
+}
+
+// True when kStartDescriptors more descriptors can be opened now.
+bool DescriptorsLeft() {
+  int fds[kStartDescriptors];
+  int n = 0;
+  while (n < kStartDescriptors && (fds[n] = fcntl(0, F_DUPFD_CLOEXEC, 0)) >= 0) n++;
+  // fd 0 may be closed: any open descriptor serves, or a fresh one.
+  if (n == 0 && errno == EBADF) {
+    while (n < kStartDescriptors && (fds[n] = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) n++;
+  }
+  const bool ok = n == kStartDescriptors;
+  while (n > 0) close(fds[--n]);
+  return ok;
 }
 
 // The RTSP source's connection states ("live555src-state" messages): a loss
@@ -62,6 +91,10 @@ void OnSourceState(MultiStreamPipeline* proxy, const GstStructure* s) {
       {"ended", QO_STREAM_ENDED},
   };
   const char* state = gst_structure_get_string(s, "state");
+  guint attempt = 0;
+  if (g_strcmp0(state, "connecting") == 0 && gst_structure_get_uint(s, "attempt", &attempt) &&
+      attempt > 0)
+    proxy->stat_reconnects.fetch_add(1, std::memory_order_relaxed);
   if (g_strcmp0(state, "streaming") == 0) {
     SetReason(proxy, QO_STREAM_OK, "");
     return;
@@ -72,7 +105,9 @@ void OnSourceState(MultiStreamPipeline* proxy, const GstStructure* s) {
   for (const auto& r : kReasons) {
     if (strcmp(r.nick, nick) == 0) code = r.code;
   }
-  SetReason(proxy, code, gst_structure_get_string(s, "reason"));
+  const char* text = gst_structure_get_string(s, "reason");
+  if (IsTooManyFiles(text)) code = QO_STREAM_TOO_MANY_FILES;
+  SetReason(proxy, code, text);
 }
 
 gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) {
@@ -101,7 +136,11 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
                debug ? debug : "(null)");
       if (GST_MESSAGE_TYPE(msg) == GST_MESSAGE_ERROR &&
           qo_VideoStreamLastError(proxy, nullptr, 0) == QO_STREAM_OK)
-        SetReason(proxy, QO_STREAM_ERROR, err ? err->message : "error");
+        SetReason(proxy,
+                  IsTooManyFiles(err ? err->message : nullptr) || IsTooManyFiles(debug)
+                      ? QO_STREAM_TOO_MANY_FILES
+                      : QO_STREAM_ERROR,
+                  err ? err->message : "error");
       if (err) g_error_free(err);
       g_free(debug);
       break;
@@ -170,35 +209,30 @@ int GstPipelineStart(MultiStreamPipeline* proxy) {
   return 0;
 }
 
-int GstPipelineStop(MultiStreamPipeline* proxy) {
-  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PLAYING) {
-    int ret = PipelineSwitchState(proxy, GST_STATE_PAUSED, GST_STATE_PAUSED);
-    if (ret == -1) {
-      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
-      return -1;
-    }
+// One step down when the pipeline is in `from`: 0 done or not needed, -1
+// (reported) when the switch failed.
+int StepDown(MultiStreamPipeline* proxy, GstState from, GstState to) {
+  if (proxy->state.load(std::memory_order_relaxed) != from) return 0;
+  int ret = PipelineSwitchState(proxy, to, to);
+  if (ret == -1) {
+    HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
+    return -1;
   }
   return 0;
 }
 
+int GstPipelineStop(MultiStreamPipeline* proxy) {
+  return StepDown(proxy, GST_STATE_PLAYING, GST_STATE_PAUSED);
+}
+
 int GstPipelineDestory(MultiStreamPipeline* proxy) {
   int ret;
-  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PLAYING) {
-    ret = PipelineSwitchState(proxy, GST_STATE_PAUSED, GST_STATE_PAUSED);
-    if (ret == -1) {
-      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
-      return -1;
-    }
-    usleep(1000);
-  }
-  if (proxy->state.load(std::memory_order_relaxed) == GST_STATE_PAUSED) {
-    ret = PipelineSwitchState(proxy, GST_STATE_READY, GST_STATE_READY);
-    if (ret == -1) {
-      HalPrint("$$$$>pl set state changed is failure return:%d...\n", ret);
-      return -1;
-    }
-    usleep(1000);
-  }
+  const bool playing = proxy->state.load(std::memory_order_relaxed) == GST_STATE_PLAYING;
+  if (StepDown(proxy, GST_STATE_PLAYING, GST_STATE_PAUSED) != 0) return -1;
+  if (playing) usleep(1000);
+  const bool paused = proxy->state.load(std::memory_order_relaxed) == GST_STATE_PAUSED;
+  if (StepDown(proxy, GST_STATE_PAUSED, GST_STATE_READY) != 0) return -1;
+  if (paused) usleep(1000);
   int state = proxy->state.load(std::memory_order_relaxed);
   if (state != -1 && state != GST_STATE_NULL) {
     ret = PipelineSwitchState(proxy, GST_STATE_NULL, GST_STATE_NULL);
@@ -260,6 +294,16 @@ void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo
   }
   if (!GST_CLOCK_TIME_IS_VALID(ts)) ts = static_cast<GstClockTime>(g_get_monotonic_time());
   frame->time_stamp = ts;
+  proxy->stat_frames.fetch_add(1, std::memory_order_relaxed);
+  if (buffer) proxy->stat_bytes.fetch_add(gst_buffer_get_size(buffer), std::memory_order_relaxed);
+  if (static_cast<int64_t>(ts) >= kWallFloorNs) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t age = now.tv_sec * 1000000000LL + now.tv_nsec - static_cast<int64_t>(ts);
+    const uint64_t slot = proxy->stat_aged.load(std::memory_order_relaxed);
+    proxy->stat_ages[slot % kStatAgeRing].store(age, std::memory_order_relaxed);
+    proxy->stat_aged.store(slot + 1, std::memory_order_release);
+  }
   StreamOutDefault(sample, buffer, frame);
 }
 
@@ -468,6 +512,14 @@ int qo_VideoStreamStart(qo_StrmHandle handle) {
     HalPrint("#>%s():pl#%d pipeline is already built!\n", __func__, proxy->iId);
     return -1;
   }
+  if (!DescriptorsLeft()) {
+    char text[128];
+    snprintf(text, sizeof(text), "%s: a stream needs about %d free descriptors", kTooManyFiles,
+             kStartDescriptors);
+    HalPrint("#>%s():pl#%d %s\n", __func__, proxy->iId, text);
+    SetReason(proxy, QO_STREAM_TOO_MANY_FILES, text);
+    return -1;
+  }
   if (PipelinelCompose(proxy) != 0) return -1;
   if (PiplineInstall(proxy) != 0) return -1;
   if (GstPipelineStart(proxy) != 0) return -1;
@@ -551,6 +603,7 @@ void qo_VideoStreamGetFrame(qo_StrmHandle handle, qo_StreamInfo* frame, int time
       proxy->wait_eos.store(1, std::memory_order_release);
     } else {
       HalPrint("########> retry timeout:%dS!\n", timeout);
+      proxy->stat_timeouts.fetch_add(1, std::memory_order_relaxed);
       frame->eos = 0;
       frame->data = nullptr;
     }
@@ -567,6 +620,26 @@ int qo_VideoStreamLastError(qo_StrmHandle handle, char* buf, int len) {
   if (buf && len > 0) g_strlcpy(buf, proxy->reason_text, static_cast<size_t>(len));
   pthread_mutex_unlock(&proxy->reason_lock);
   return reason;
+}
+
+int qo_VideoStreamGetStats(qo_StrmHandle handle, qo_StreamStats* stats) {
+  MultiStreamPipeline* proxy = static_cast<MultiStreamPipeline*>(handle);
+  if (!proxy || !stats) return -1;
+  stats->frames = proxy->stat_frames.load(std::memory_order_relaxed);
+  stats->bytes = proxy->stat_bytes.load(std::memory_order_relaxed);
+  stats->timeouts = proxy->stat_timeouts.load(std::memory_order_relaxed);
+  stats->reconnects = proxy->stat_reconnects.load(std::memory_order_relaxed);
+  const uint64_t aged = proxy->stat_aged.load(std::memory_order_acquire);
+  const size_t n = static_cast<size_t>(std::min<uint64_t>(aged, kStatAgeRing));
+  int64_t ages[kStatAgeRing];
+  for (size_t i = 0; i < n; ++i) ages[i] = proxy->stat_ages[i].load(std::memory_order_relaxed);
+  stats->last_age_ns =
+      n ? proxy->stat_ages[(aged - 1) % kStatAgeRing].load(std::memory_order_relaxed) : -1;
+  std::nth_element(ages, ages + n / 2, ages + n);
+  stats->median_age_ns = n ? ages[n / 2] : -1;
+  stats->reason = qo_VideoStreamLastError(handle, stats->reason_text,
+                                          static_cast<int>(sizeof(stats->reason_text)));
+  return 0;
 }
 
 void qo_VideoStreamFrameFree(qo_StreamInfo* frame) {

@@ -29,7 +29,7 @@ struct MultiStreamProxy {
   uint8_t gst_init_flag;          // gst_init has run (never reset)
   uint8_t main_loop_deinit_flag;  // the loop was stopped by the last close
   uint8_t id_count;               // next stream id; wraps after 255
-  uint8_t pipeline_count;         // streams opened and not yet closed
+  int pipeline_count;             // streams opened and not yet closed (hosts open 1000+)
   pthread_mutex_t lock;           // init, open and close
   pthread_t loop_thread;
   // Set by the have-type callback on a streaming thread, cleared by the
@@ -39,6 +39,7 @@ struct MultiStreamProxy {
 
 constexpr size_t kFullStringSize = 1024;
 constexpr size_t kParamSize = 512;
+constexpr size_t kStatAgeRing = 32;  // recent frame ages kept for the median
 
 // One opened stream, from open (calloc) to close (free).
 struct MultiStreamPipeline {
@@ -73,6 +74,14 @@ struct MultiStreamPipeline {
   pthread_mutex_t reason_lock;
   int reason;  // a qo_StreamError
   char reason_text[256];
+  // Counters for qo_VideoStreamGetStats: written by the pulling thread and
+  // the bus watch, read by any thread.
+  std::atomic<uint64_t> stat_frames;
+  std::atomic<uint64_t> stat_bytes;
+  std::atomic<uint64_t> stat_timeouts;
+  std::atomic<uint64_t> stat_reconnects;
+  std::atomic<uint64_t> stat_aged;  // stamped frames seen; next ring slot
+  std::atomic<int64_t> stat_ages[kStatAgeRing];
 };
 
 extern const char kProtoRtsp[];
