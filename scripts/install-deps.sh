@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages of one tier, and of the tiers below it:
-#   build  compile the library and qomm, run the demo, make install/package
-#          (file: CPack's DEB generator needs it for dpkg-shlibdeps)
+#   build  compile the library, qomm and the Python module, run the demo,
+#          make install/package (file: CPack's DEB generator needs it for
+#          dpkg-shlibdeps; python3-numpy and gstreamer1.0-libav: the
+#          README's Python example decodes H.264 to NumPy)
 #   test   + the test suite (GoogleTest, encoders for test streams, decoders
 #          for snapshots, gst-inspect-1.0, iproute2 and iptables for the
-#          packet-loss tests in a network namespace)
+#          packet-loss tests in a network namespace, pytest for the Python
+#          module's tests)
 #   dev    + sanitizer builds, fuzzing (clang) and benchmarks
 #   fresh  debootstrap and git for scripts/check-fresh-machine.sh (alone)
 # Safe to run again: apt-get is called only when something is missing.
@@ -15,11 +18,12 @@ tier_packages() {
     build) echo \
       make build-essential cmake ninja-build pkg-config file \
       libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev \
-      libgstrtspserver-1.0-dev libdlpack-dev \
-      gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad ;;
+      libgstrtspserver-1.0-dev libdlpack-dev pybind11-dev python3-dev python3-numpy \
+      gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad \
+      gstreamer1.0-libav ;;
     test) echo "$(tier_packages build)" \
       libgtest-dev libgmock-dev gstreamer1.0-tools \
-      gstreamer1.0-plugins-ugly gstreamer1.0-libav iproute2 iptables ;;
+      gstreamer1.0-plugins-ugly iproute2 iptables python3-pytest ;;
     dev) echo "$(tier_packages test)" \
       clang libclang-rt-14-dev libbenchmark-dev ffmpeg gnuplot-nox gstreamer1.0-x ;;
     fresh) echo debootstrap git ;;
