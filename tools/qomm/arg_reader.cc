@@ -30,26 +30,17 @@ std::string ArgReader::Value(const std::string& name) {
   return args_[next_++];
 }
 
-int ArgReader::IntValue(const std::string& name, long low, long high) {
-  std::string text = Value(name);
+double ArgReader::Number(const std::string& name, double low, double high, bool whole) {
+  const std::string text = Value(name);
   char* end = nullptr;
   errno = 0;
-  long v = std::strtol(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || errno != 0 || v < low || v > high) {
-    throw UsageError(name + " takes a whole number from " + std::to_string(low) + " to " +
-                     std::to_string(high) + ", not \"" + text + "\"");
-  }
-  return static_cast<int>(v);
-}
-
-double ArgReader::DoubleValue(const std::string& name, double low, double high) {
-  std::string text = Value(name);
-  char* end = nullptr;
-  double v = std::strtod(text.c_str(), &end);
-  if (text.empty() || *end != '\0' || !std::isfinite(v) || v < low || v > high) {
+  const double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(v) || v < low || v > high ||
+      (whole && v != std::floor(v))) {
     char range[96];
-    snprintf(range, sizeof(range), "%g to %g", low, high);
-    throw UsageError(name + " takes a number from " + range + ", not \"" + text + "\"");
+    snprintf(range, sizeof(range), "%.10g to %.10g", low, high);
+    throw UsageError(name + " takes a " + (whole ? "whole number" : "number") + " from " + range +
+                     ", not \"" + text + "\"");
   }
   return v;
 }

@@ -1,6 +1,5 @@
 // qomm without a command: the bundled sample through both source nodes, from
 // its file and over RTSP.
-#include <gst/gst.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -41,76 +40,55 @@ std::string FindSample(const std::string& name) {
 
 }  // namespace
 
-const char* DemoUsage() {
-  return "usage: qomm [-v|-q] [COMMAND [ARGS]]\n"
-         "\n"
-         "Without a command qomm plays its bundled sample (H.264, 320x240, 3 s) through\n"
-         "the file input node, then serves it over RTSP on 127.0.0.1 and plays it through\n"
-         "the video input node, with a summary of each.\n"
-         "\n"
-         "Commands:\n"
-         "  play SOURCE     play a camera, stream or file and report what arrives\n"
-         "  probe URI       print the stream type of a source\n"
-         "  serve FILE...   serve elementary-stream files over RTSP on 127.0.0.1\n"
-         "  list            list what the media-input library registers\n"
-         "Run qomm COMMAND --help for the options of a command.\n"
-         "\n"
-         "Options of every command:\n"
-         "  -v           more library messages (repeat for more: -vv, -vvv)\n"
-         "  -q           quiet: no library messages and no progress display\n";
-}
+const char kDemoUsage[] =
+    "usage: qomm [-v|-q] [COMMAND [ARGS]]\n"
+    "\n"
+    "Without a command qomm plays its bundled sample (H.264, 320x240, 3 s) through\n"
+    "the file input node, then serves it over RTSP on 127.0.0.1 and plays it through\n"
+    "the video input node, with a summary of each.\n"
+    "\n"
+    "Commands:\n"
+    "  play SOURCE     play a camera, stream or file and report what arrives\n"
+    "  probe URI       print the stream type of a source\n"
+    "  serve FILE...   serve elementary-stream files over RTSP on 127.0.0.1\n"
+    "  list            list what the media-input library registers\n"
+    "Run qomm COMMAND --help for the options of a command.\n"
+    "\n"
+    "Options of every command:\n"
+    "  -v           more library messages (repeat for more: -vv, -vvv)\n"
+    "  -q           quiet: no library messages and no progress display\n";
 
 int RunDemo(ArgReader& args) {
-  while (!args.done()) {
-    std::string a = args.Next();
-    throw UsageError("unknown command or option " + a);
-  }
+  if (!args.done()) throw UsageError("unknown command or option " + args.Next());
   std::string sample = FindSample(kSample);
   if (sample.empty()) {
     std::string dirs;
     for (const std::string& dir : SampleDirs()) dirs += " " + dir;
-    fprintf(stderr, "qomm: the bundled %s is missing (looked in%s)\n", kSample, dirs.c_str());
-    return 1;
+    return Fail("the bundled " + std::string(kSample) + " is missing (looked in" + dirs + ")");
   }
-  FILE* out = stdout;
-
   PlayOptions file;
   file.source = sample;
   file.framerate = kSampleFps;
   file.title = "1. file input node: " + sample;
-  fprintf(out, "Playing the bundled sample through the file input node...\n");
-  fflush(out);
+  printf("Playing the bundled sample through the file input node...\n");
+  fflush(stdout);
   int status = PlaySession(file).Run();
-  if (status != 0 || StopSignal::Requested()) return status;
+  if (status != 0 || StopRequested()) return status;
 
-  gst_init(nullptr, nullptr);
-  qo::tools::RtspServerOptions server_options;
-  server_options.address = "127.0.0.1";
-  qo::tools::RtspServer server(server_options);
-  qo::tools::RtspStreamSpec stream;
-  stream.mount = "/" + std::string(kSample);
-  stream.codec = qo::tools::RtspCodec::kH264;
-  stream.fps = kSampleFps;
-  stream.file = sample;
   std::string error;
-  if (!server.AddStream(stream, &error) || !server.Start(&error)) {
-    fprintf(stderr, "qomm: cannot serve the sample over RTSP: %s\n", error.c_str());
-    return 1;
-  }
+  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles({sample}, 0, kSampleFps, &error);
+  if (!server) return Fail(error);
   PlayOptions rtsp;
-  rtsp.source = server.Url(stream.mount);
+  rtsp.source = server->Url(server->streams()[0].mount);
   rtsp.frames = kRtspFrames;
   rtsp.duration = kRtspLimitS;
   rtsp.title = "2. video input node: " + rtsp.source;
-  fprintf(out, "\nServing it at %s and playing that through the video input node...\n",
-          rtsp.source.c_str());
-  fflush(out);
+  printf("\nServing it at %s and playing that through the video input node...\n",
+         rtsp.source.c_str());
+  fflush(stdout);
   status = PlaySession(rtsp).Run();
-  server.Stop();
-  if (status == 0) {
-    fprintf(out, "\nNext: qomm play --help, qomm serve --help, qomm probe --help\n");
-    fflush(out);
-  }
+  server->Stop();
+  if (status == 0) printf("\nNext: qomm play --help, qomm serve --help, qomm probe --help\n");
   return status;
 }
 

@@ -82,6 +82,11 @@ std::string MaskPasswords(std::string text) {
   return text;
 }
 
+int Fail(const std::string& message) {
+  fprintf(stderr, "qomm: %s\n", MaskPasswords(message).c_str());
+  return 1;
+}
+
 std::string ErrorMessage(const std::string& what) {
   std::string line = what.substr(0, what.find('\n'));
   // "[hh:mm:ss:mmm] file:line: message"

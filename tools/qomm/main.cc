@@ -16,10 +16,24 @@
 namespace qomm {
 
 namespace {
-
 std::atomic<bool> g_stop_requested{false};
+void OnStopSignal(int) { g_stop_requested.store(true, std::memory_order_relaxed); }
+}  // namespace
 
-void OnSignal(int) { g_stop_requested.store(true, std::memory_order_relaxed); }
+void InstallStopSignal() {
+  struct sigaction sa;
+  std::memset(&sa, 0, sizeof(sa));
+  sa.sa_handler = OnStopSignal;
+  sigemptyset(&sa.sa_mask);
+  // The handler is one-shot: the next signal takes its default action.
+  sa.sa_flags = SA_RESETHAND;
+  sigaction(SIGINT, &sa, nullptr);
+  sigaction(SIGTERM, &sa, nullptr);
+}
+
+bool StopRequested() { return g_stop_requested.load(std::memory_order_relaxed); }
+
+namespace {
 
 // Warnings and up: the nodes' information lines would flood the terminal.
 constexpr int kDefaultLogLevel = 3;
@@ -51,24 +65,10 @@ std::vector<std::string> TakeGlobalOptions(std::vector<std::string> words, Globa
 
 }  // namespace
 
-void StopSignal::Install() {
-  struct sigaction sa;
-  std::memset(&sa, 0, sizeof(sa));
-  sa.sa_handler = OnSignal;
-  sigemptyset(&sa.sa_mask);
-  // The handler is one-shot: the next signal takes its default action.
-  sa.sa_flags = SA_RESETHAND;
-  sigaction(SIGINT, &sa, nullptr);
-  sigaction(SIGTERM, &sa, nullptr);
-}
-
-bool StopSignal::Requested() { return g_stop_requested.load(std::memory_order_relaxed); }
-
-const char* ListUsage() {
-  return "usage: qomm list\n"
-         "\n"
-         "Lists the global functions and node classes the media-input library registers.\n";
-}
+constexpr char kListUsage[] =
+    "usage: qomm list\n"
+    "\n"
+    "Lists the global functions and node classes the media-input library registers.\n";
 
 int RunList(ArgReader& args) {
   if (!args.done()) throw UsageError("list takes no arguments");
@@ -86,14 +86,14 @@ int RunPlay(ArgReader& args) { return PlaySession(ParsePlayOptions(args)).Run();
 struct Command {
   const char* name;
   int (*run)(ArgReader&);
-  const char* (*usage)();
+  const char* usage;
 };
 
-constexpr Command kDemo = {"", RunDemo, DemoUsage};
-constexpr Command kCommands[] = {{"play", RunPlay, PlayUsage},
-                                 {"probe", RunProbe, ProbeUsage},
-                                 {"serve", RunServe, ServeUsage},
-                                 {"list", RunList, ListUsage}};
+constexpr Command kDemo = {"", RunDemo, kDemoUsage};
+constexpr Command kCommands[] = {{"play", RunPlay, kPlayUsage},
+                                 {"probe", RunProbe, kProbeUsage},
+                                 {"serve", RunServe, kServeUsage},
+                                 {"list", RunList, kListUsage}};
 
 const Command* FindCommand(const std::string& name) {
   for (const Command& c : kCommands) {
@@ -103,33 +103,27 @@ const Command* FindCommand(const std::string& name) {
 }
 
 int Main(int argc, char** argv) {
-  std::vector<std::string> words(argv + 1, argv + argc);
-  GlobalOptions global;
-  std::vector<std::string> rest;
-  try {
-    rest = TakeGlobalOptions(words, &global);
-  } catch (const UsageError& e) {
-    fprintf(stderr, "qomm: %s\nRun \"qomm --help\" for usage.\n", e.what());
-    return 2;
-  }
-  // "qomm help [COMMAND]" is "qomm [COMMAND] --help".
-  bool help = !rest.empty() && rest[0] == "help";
-  if (help) rest.erase(rest.begin());
-  const Command* command = rest.empty() ? nullptr : FindCommand(rest[0]);
-  if (command != nullptr) rest.erase(rest.begin());
-  if (command == nullptr) command = &kDemo;
-  for (const std::string& w : rest) help = help || w == "--help" || w == "-h";
-
-  qo::g_log_level =
-      global.quiet ? kQuietLogLevel : std::max(0, kDefaultLogLevel - global.verbosity);
-  LibraryOutput::Start(global.verbosity);
-  StopSignal::Install();
-
+  const Command* command = &kDemo;
   int status = 0;
   try {
+    GlobalOptions global;
+    std::vector<std::string> rest = TakeGlobalOptions({argv + 1, argv + argc}, &global);
+    // "qomm help [COMMAND]" is "qomm [COMMAND] --help".
+    bool help = !rest.empty() && rest[0] == "help";
+    if (help) rest.erase(rest.begin());
+    if (const Command* named = rest.empty() ? nullptr : FindCommand(rest[0])) {
+      command = named;
+      rest.erase(rest.begin());
+    }
+    for (const std::string& w : rest) help = help || w == "--help" || w == "-h";
+
+    qo::g_log_level =
+        global.quiet ? kQuietLogLevel : std::max(0, kDefaultLogLevel - global.verbosity);
+    LibraryOutput::Start(global.verbosity);
+    InstallStopSignal();
     ArgReader args(rest);
     if (help) {
-      fputs(command->usage(), stdout);
+      fputs(command->usage, stdout);
     } else {
       status = command->run(args);
     }
@@ -138,12 +132,9 @@ int Main(int argc, char** argv) {
             *command->name != '\0' ? " " : "");
     status = 2;
   } catch (const qo::Error& e) {
-    fprintf(stderr, "qomm: %s\n", ErrorMessage(e.what()).c_str());
-    status = 1;
+    status = Fail(ErrorMessage(e.what()));
   } catch (const std::exception& e) {
-    // Whatever else a node lets escape still ends in one line.
-    fprintf(stderr, "qomm: %s\n", MaskPasswords(e.what()).c_str());
-    status = 1;
+    status = Fail(e.what());  // whatever else a node lets escape still ends in one line
   }
   LibraryOutput::Release(true);
   return status;

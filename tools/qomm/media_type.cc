@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <vector>
 
-#include "node/qo_media_facts.h"
 #include "qomm.h"
 
 namespace qomm {
@@ -18,15 +18,36 @@ namespace {
 
 constexpr size_t kProbeBytes = 256 * 1024;
 
+// The encoded types by their file name extensions and GStreamer's caps names.
+const struct {
+  int type;
+  const char* caps;
+  std::vector<const char*> extensions;
+} kEncodedTypes[] = {
+    {QO_PIX_FMT_H264, "video/x-h264", {".h264", ".264"}},
+    {QO_PIX_FMT_H265, "video/x-h265", {".h265", ".265", ".hevc"}},
+    {QO_PIX_FMT_MJPEG, "image/jpeg", {".mjpeg", ".mjpg", ".jpeg", ".jpg"}},
+};
+
 bool EndsWith(const std::string& s, const char* suffix) {
   size_t n = std::strlen(suffix);
   return s.size() >= n && strcasecmp(s.c_str() + s.size() - n, suffix) == 0;
 }
 
+// From the extension, else QO_PIX_FMT_NONE.
+int TypeFromFileName(const std::string& path) {
+  for (const auto& t : kEncodedTypes) {
+    for (const char* extension : t.extensions) {
+      if (EndsWith(path, extension)) return t.type;
+    }
+  }
+  return QO_PIX_FMT_NONE;
+}
+
 }  // namespace
 
 std::string TypeName(int type) {
-  if (type == kTypeUnknown) return "unknown";
+  if (type == QO_PIX_FMT_NONE) return "unknown";
   if (type == QO_PIX_FMT_JPEG) return "jpeg";
   const qo::mm::StreamTypeFact* t = qo::mm::FindStreamType(type);
   return t != nullptr ? t->name : std::to_string(type);
@@ -41,53 +62,33 @@ bool ParseType(const std::string& text, int* type) {
     *type = t->type;
     return true;
   }
-  if (text.empty()) return false;
-  char* end = nullptr;
-  errno = 0;
-  long v = std::strtol(text.c_str(), &end, 10);
-  if (*end != '\0' || errno != 0 || v < -2147483647L - 1 || v > 2147483647L) return false;
-  *type = static_cast<int>(v);
-  return true;
-}
-
-int TypeFromFileName(const std::string& path) {
-  if (EndsWith(path, ".h264") || EndsWith(path, ".264")) return kTypeH264;
-  if (EndsWith(path, ".h265") || EndsWith(path, ".265") || EndsWith(path, ".hevc")) {
-    return kTypeH265;
-  }
-  if (EndsWith(path, ".mjpeg") || EndsWith(path, ".mjpg") || EndsWith(path, ".jpeg") ||
-      EndsWith(path, ".jpg")) {
-    return kTypeMjpeg;
-  }
-  return kTypeUnknown;
+  const char* end = text.data() + text.size();
+  auto [stop, error] = std::from_chars(text.data(), end, *type);
+  return error == std::errc() && stop == end;
 }
 
 int TypeFromContent(const std::string& path, std::string* error) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     *error = std::strerror(errno);
-    return kTypeUnknown;
+    return QO_PIX_FMT_NONE;
   }
   std::vector<char> head(kProbeBytes);
   in.read(head.data(), static_cast<std::streamsize>(head.size()));
   size_t n = static_cast<size_t>(in.gcount());
   if (n == 0) {
     *error = "the file is empty";
-    return kTypeUnknown;
+    return QO_PIX_FMT_NONE;
   }
   gst_init(nullptr, nullptr);
   GstBuffer* buffer = gst_buffer_new_memdup(head.data(), n);
   GstCaps* caps = gst_type_find_helper_for_buffer(nullptr, buffer, nullptr);
   gst_buffer_unref(buffer);
-  if (caps == nullptr) return kTypeUnknown;
-  int type = kTypeUnknown;
+  if (caps == nullptr) return QO_PIX_FMT_NONE;
+  int type = QO_PIX_FMT_NONE;
   const char* name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
-  if (std::strcmp(name, "video/x-h264") == 0) {
-    type = kTypeH264;
-  } else if (std::strcmp(name, "video/x-h265") == 0) {
-    type = kTypeH265;
-  } else if (std::strcmp(name, "image/jpeg") == 0) {
-    type = kTypeMjpeg;
+  for (const auto& t : kEncodedTypes) {
+    if (std::strcmp(name, t.caps) == 0) type = t.type;
   }
   gst_caps_unref(caps);
   return type;
@@ -95,7 +96,7 @@ int TypeFromContent(const std::string& path, std::string* error) {
 
 int DetectFileType(const std::string& path, std::string* error) {
   int type = TypeFromFileName(path);
-  return type != kTypeUnknown ? type : TypeFromContent(path, error);
+  return type != QO_PIX_FMT_NONE ? type : TypeFromContent(path, error);
 }
 
 std::string CheckReadable(const std::string& path) {

@@ -19,27 +19,7 @@ double Seconds(std::chrono::steady_clock::duration d) {
   return std::chrono::duration<double>(d).count();
 }
 
-std::string Stamp(uint64_t ts) {
-  if (ts == kNoTime) return "none";
-  std::string text = std::to_string(ts);
-  if (IsWallClock(ts, WallClockNs())) text += " (" + FormatWallClock(ts) + ")";
-  return text;
-}
-
-}  // namespace
-
-int64_t WallClockNs() {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return static_cast<int64_t>(now.tv_sec) * kNsPerSecond + now.tv_nsec;
-}
-
-bool IsWallClock(uint64_t ts, int64_t now_ns) {
-  if (ts == kNoTime || ts > static_cast<uint64_t>(INT64_MAX)) return false;
-  int64_t diff = now_ns - static_cast<int64_t>(ts);
-  return diff < kPlausibleSkewNs && diff > -kPlausibleSkewNs;
-}
-
+// "2026-01-31 12:34:56.789 UTC".
 std::string FormatWallClock(uint64_t ts) {
   time_t secs = static_cast<time_t>(ts / kNsPerSecond);
   int ms = static_cast<int>((ts % kNsPerSecond) / 1000000);
@@ -51,10 +31,27 @@ std::string FormatWallClock(uint64_t ts) {
   return buf;
 }
 
-PlayReport::PlayReport(std::string title, Progress progress)
-    : title_(std::move(title)), progress_(progress) {
-  begin_ = last_shown_ = Clock::now();
+std::string Stamp(uint64_t ts) {
+  if (ts == kNoTime) return "none";
+  std::string text = std::to_string(ts);
+  if (WallClockAgeMs(ts)) text += " (" + FormatWallClock(ts) + ")";
+  return text;
 }
+
+}  // namespace
+
+std::optional<double> WallClockAgeMs(uint64_t ts) {
+  if (ts == kNoTime || ts > static_cast<uint64_t>(INT64_MAX)) return std::nullopt;
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  const int64_t age_ns =
+      static_cast<int64_t>(now.tv_sec) * kNsPerSecond + now.tv_nsec - static_cast<int64_t>(ts);
+  if (age_ns >= kPlausibleSkewNs || age_ns <= -kPlausibleSkewNs) return std::nullopt;
+  return age_ns / 1e6;
+}
+
+PlayReport::PlayReport(std::string title, Progress progress)
+    : title_(std::move(title)), progress_(progress) {}
 
 void PlayReport::Begin() { begin_ = last_shown_ = Clock::now(); }
 
@@ -73,9 +70,7 @@ void PlayReport::Add(const FrameInfo& frame) {
   }
   last_arrival_ = now;
   last_pts_ = frame.pts;
-  const int64_t wall = WallClockNs();
-  last_is_wall_clock_ = IsWallClock(frame.pts, wall);
-  if (last_is_wall_clock_) last_age_ms_ = (wall - static_cast<int64_t>(frame.pts)) / 1e6;
+  last_age_ms_ = WallClockAgeMs(frame.pts);
   frames_++;
   bytes_ += frame.bytes;
 }
@@ -86,8 +81,8 @@ std::string PlayReport::ProgressText(double fps, double mbps) const {
   std::string text(buf, n > 0 ? static_cast<size_t>(n) : 0);
   if (frames_ > 0) {
     text += "  pts " + std::to_string(last_pts_);
-    if (last_is_wall_clock_) {
-      snprintf(buf, sizeof(buf), "  age %.0f ms", last_age_ms_);
+    if (last_age_ms_) {
+      snprintf(buf, sizeof(buf), "  age %.0f ms", *last_age_ms_);
       text += buf;
     }
   }
@@ -137,8 +132,8 @@ void PlayReport::PrintSummary(FILE* out) const {
             kind_ == 2 ? "raw" : "encoded");
     fprintf(out, "  time stamps: first %s, last %s\n", Stamp(first_pts_).c_str(),
             Stamp(last_pts_).c_str());
-    if (last_is_wall_clock_) {
-      fprintf(out, "  frame age:   %.0f ms behind its sender's clock at arrival\n", last_age_ms_);
+    if (last_age_ms_) {
+      fprintf(out, "  frame age:   %.0f ms behind its sender's clock at arrival\n", *last_age_ms_);
     }
   }
   fprintf(out, "  end:         %s\n", end_.c_str());

@@ -21,7 +21,6 @@ namespace {
 
 constexpr int kSliceMs = 100;
 constexpr int kReasonPollMs = 250;
-constexpr size_t kQueueCapacity = 16;
 // Pulls of one second keep a sync-mode host responsive to Ctrl-C and to the
 // stream's reasons.
 constexpr int kSyncPullSeconds = 1;
@@ -50,12 +49,11 @@ const char* StatusText(int status) {
 }
 
 void PrintJson(FILE* out, long index, const FrameInfo& f, double t_ms) {
-  const int64_t wall = WallClockNs();
   std::string pts = f.status == 0 && f.pts != UINT64_MAX ? std::to_string(f.pts) : "null";
   std::string age = "null";
-  if (f.status == 0 && IsWallClock(f.pts, wall)) {
+  if (std::optional<double> age_ms = f.status == 0 ? WallClockAgeMs(f.pts) : std::nullopt) {
     char buf[32];
-    snprintf(buf, sizeof(buf), "%.1f", (wall - static_cast<int64_t>(f.pts)) / 1e6);
+    snprintf(buf, sizeof(buf), "%.1f", *age_ms);
     age = buf;
   }
   fprintf(out,
@@ -119,56 +117,50 @@ std::string FirstListedFile(const std::string& list) {
 
 }  // namespace
 
-const char* PlayUsage() {
-  return "usage: qomm play SOURCE [options]\n"
-         "       qomm play --list FILE [options]\n"
-         "\n"
-         "Plays a source through its node and reports what arrives.\n"
-         "  SOURCE  rtsp://[user:password@]host[:port]/path   network camera (video input node)\n"
-         "          v4l2:///dev/videoN                         local camera (video input node)\n"
-         "          file:///path/clip.h264                     file through the live-stream layer\n"
-         "          path/clip.h264                             elementary-stream file (file input "
-         "node)\n"
-         "  --list FILE        play the files listed in FILE, one path a line (file input node)\n"
-         "\n"
-         "Source options:\n"
-         "  --type T           h264, h265, mjpeg, nv12, nv21, yuyv, uyvy, nv16 or a format "
-         "number;\n"
-         "                     default: probed for rtsp:// and v4l2://, from the file name or\n"
-         "                     content for files\n"
-         "  --tcp | --udp      RTSP transport (default udp)\n"
-         "  --loop N           files: N passes (0 one pass, the default; negative: endless)\n"
-         "  --start-index I    --stop-index I   first and last list entry (default all)\n"
-         "  --framerate F      pace files at F frames per second (0: as fast as they decode;\n"
-         "                     node default 25); capture rate of v4l2:// cameras\n"
-         "  --timeout S        seconds a pull waits for a frame (default 3); three empty pulls\n"
-         "                     in a row end the source with a time-out\n"
-         "  --width W --height H   v4l2:// capture size; picture size of raw files\n"
-         "  --packet-size N    bytes per read for files of other types than h264/h265/mjpeg\n"
-         "  --stream-id N      number stamped on every task\n"
-         "  --sync             pull frames with the node's GetFrame instead of its output thread\n"
-         "  --record           video input: also write raw frames to /tmp/strm_<id>_0 and _1\n"
-         "\n"
-         "Output options:\n"
-         "  --frames N         stop after N frames\n"
-         "  --duration S       stop after S seconds\n"
-         "  --snapshot F.png   decode the first picture into a PNG file (and stop then, unless\n"
-         "                     --frames or --duration is given)\n"
-         "  --json             one JSON object per task on standard output (the summary then\n"
-         "                     goes to standard error):\n"
-         "                     {\"index\":0,\"status\":0,\"status_text\":\"frame\",\"source_id\":0,"
-         "\"format\":31,\n"
-         "                      \"codec\":\"h264\",\"kind\":3,\"width\":320,\"height\":240,"
-         "\"bytes\":5120,\n"
-         "                      \"pts\":0,\"ntp_age_ms\":null,\"t_ms\":12.5}\n"
-         "                     status 0 frame, 1 end of stream, 2 time-out; kind 2 raw picture,\n"
-         "                     3 encoded; pts as the node stamps it (RTSP: Unix-epoch ns from the\n"
-         "                     sender's reports); ntp_age_ms how old the frame was on arrival\n"
-         "                     when pts is such a wall-clock time, else null; t_ms since open\n"
-         "\n"
-         "Exit status: 0 at the end of the stream, after --frames/--duration/--snapshot or\n"
-         "Ctrl-C; 1 when the source failed; 2 for bad usage.\n";
-}
+const char kPlayUsage[] =
+    "usage: qomm play SOURCE [options]\n"
+    "       qomm play --list FILE [options]\n"
+    "\n"
+    "Plays a source through its node and reports what arrives.\n"
+    "  SOURCE  rtsp://[user:password@]host[:port]/path   network camera (video input node)\n"
+    "          v4l2:///dev/videoN                         local camera (video input node)\n"
+    "          file:///path/clip.h264                     file through the live-stream layer\n"
+    "          path/clip.h264                             elementary-stream file (file input "
+    "node)\n"
+    "  --list FILE        play the files listed in FILE, one path a line (file input node)\n"
+    "\n"
+    "Source options:\n"
+    "  --type T           h264, h265, mjpeg, nv12, nv21, yuyv, uyvy, nv16 or a format number;\n"
+    "                     default: probed for rtsp:// and v4l2://, from the file name or\n"
+    "                     content for files\n"
+    "  --tcp | --udp      RTSP transport (default udp)\n"
+    "  --loop N           files: N passes (0 one pass, the default; negative: endless)\n"
+    "  --start-index I    --stop-index I   first and last list entry (default all)\n"
+    "  --framerate F      pace files at F frames per second (0: as fast as they decode;\n"
+    "                     node default 25); capture rate of v4l2:// cameras\n"
+    "  --timeout S        seconds a pull waits for a frame (default 3); three empty pulls\n"
+    "                     in a row end the source with a time-out\n"
+    "  --width W --height H   v4l2:// capture size; picture size of raw files\n"
+    "  --packet-size N    bytes per read for files of other types than h264/h265/mjpeg\n"
+    "  --stream-id N      number stamped on every task\n"
+    "  --sync             pull frames with the node's GetFrame instead of its output thread\n"
+    "  --record           video input: also write raw frames to /tmp/strm_<id>_0 and _1\n"
+    "\n"
+    "Output options:\n"
+    "  --frames N         stop after N frames\n"
+    "  --duration S       stop after S seconds\n"
+    "  --snapshot F.png   decode the first picture into a PNG file (and stop then, unless\n"
+    "                     --frames or --duration is given)\n"
+    "  --json             one JSON object per task on standard output (the summary then\n"
+    "                     goes to standard error) with index, status (0 frame, 1 end of\n"
+    "                     stream, 2 time-out), status_text, source_id, format (the type's\n"
+    "                     code), codec, kind (2 raw picture, 3 encoded), width, height, bytes,\n"
+    "                     pts (as the node stamps it; RTSP: Unix-epoch ns from the sender's\n"
+    "                     reports), ntp_age_ms (how old the frame was on arrival when pts is\n"
+    "                     such a wall-clock time, else null) and t_ms (since open)\n"
+    "\n"
+    "Exit status: 0 at the end of the stream, after --frames/--duration/--snapshot or\n"
+    "Ctrl-C; 1 when the source failed; 2 for bad usage.\n";
 
 PlayOptions ParsePlayOptions(ArgReader& args) {
   PlayOptions o;
@@ -218,13 +210,12 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
   if (!have_source || o.source.empty()) throw UsageError("play needs a SOURCE");
 
   const bool video = !o.list && HasScheme(o.source);
-  if (video && !StartsWith(o.source, "rtsp://") && !StartsWith(o.source, "v4l2://") &&
-      !StartsWith(o.source, "file://")) {
+  const bool camera = video && StartsWith(o.source, "v4l2://");
+  if (video && !StartsWith(o.source, "rtsp://") && !camera && !StartsWith(o.source, "file://")) {
     throw UsageError("unsupported source " + o.source + " (rtsp://, v4l2://, file:// or a path)");
   }
   if (video && o.type) {
     // The live-stream layer builds pipelines for these types only.
-    const bool camera = StartsWith(o.source, "v4l2://");
     const qo::mm::StreamTypeFact* t = qo::mm::FindStreamType(*o.type);
     if (t == nullptr || (t->raw_format != nullptr && !camera)) {
       throw UsageError("--type " + TypeName(*o.type) + " does not apply to " +
@@ -234,19 +225,15 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
                        ")");
     }
   }
-  if (video) {
-    if (o.loop || o.start_index || o.stop_index || o.packet_size) {
-      throw UsageError(
-          "--loop, --start-index, --stop-index and --packet-size apply to files "
-          "given by path");
-    }
-    if (o.framerate && *o.framerate > 0 && *o.framerate < 1 && StartsWith(o.source, "v4l2://")) {
-      throw UsageError("--framerate of a camera is a whole number of frames per second");
-    }
-  } else {
-    if (o.transport || o.record) {
-      throw UsageError("--tcp, --udp and --record apply to rtsp://, v4l2:// and file:// sources");
-    }
+  if (video && (o.loop || o.start_index || o.stop_index || o.packet_size)) {
+    throw UsageError(
+        "--loop, --start-index, --stop-index and --packet-size apply to files given by path");
+  }
+  if (camera && o.framerate && *o.framerate > 0 && *o.framerate < 1) {
+    throw UsageError("--framerate of a camera is a whole number of frames per second");
+  }
+  if (!video && (o.transport || o.record)) {
+    throw UsageError("--tcp, --udp and --record apply to rtsp://, v4l2:// and file:// sources");
   }
   if ((o.start_index || o.stop_index) && !o.list) {
     throw UsageError("--start-index and --stop-index apply to --list");
@@ -255,11 +242,6 @@ PlayOptions ParsePlayOptions(ArgReader& args) {
 }
 
 PlaySession::PlaySession(PlayOptions options) : options_(std::move(options)) {}
-
-int PlaySession::Fail(const std::string& message) const {
-  fprintf(stderr, "qomm: %s\n", MaskPasswords(message).c_str());
-  return 1;
-}
 
 int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::string* why) {
   LibraryOutput::Hold();
@@ -273,7 +255,7 @@ int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::s
       watch.SetString("uri", uri);
       watch.SetInt("stream-type", QO_PIX_FMT_H264);
       if (transport) watch.SetInt("lower-trans-type", *transport);
-      watch.AttachQueue(0, kQueueCapacity);
+      watch.AttachQueue(0);
       watch.Open();
       qo::TaskQueue::Task task;
       for (int waited = 0; waited < kExplainMs && !watch.Pop(&task, kReasonPollMs);
@@ -285,9 +267,9 @@ int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::s
       *why = ErrorMessage(e.what());
     }
   }
-  const int type = IsPermanent(code) ? kTypeUnknown : qo::mm::VideoInput::StreamType(uri);
+  const int type = IsPermanent(code) ? QO_PIX_FMT_NONE : qo::mm::VideoInput::StreamType(uri);
   if (why->empty()) *why = "no H.264, H.265 or JPEG video found";
-  LibraryOutput::Release(type != kTypeUnknown);
+  LibraryOutput::Release(type != QO_PIX_FMT_NONE);
   return type;
 }
 
@@ -309,18 +291,18 @@ std::string PlaySession::Prepare() {
     if (media.empty()) return "cannot play " + path_ + ": the list names no file";
     std::string error;
     type_ = DetectFileType(media, &error);
-    if (type_ != kTypeUnknown) return "";
+    if (type_ != QO_PIX_FMT_NONE) return "";
     return "cannot tell the stream type of " + media + ": " +
            (error.empty() ? "give it with --type" : error);
   }
   std::string why;
   type_ = ProbeStreamType(src, options_.transport, &why);
-  if (type_ == kTypeUnknown && StartsWith(src, "v4l2://")) {
+  if (type_ == QO_PIX_FMT_NONE && StartsWith(src, "v4l2://")) {
     // Cameras are probed for JPEG only: anything else is taken for YUYV.
     fprintf(stderr, "qomm: %s sends no JPEG; trying yuyv (see --type)\n", src.c_str());
     type_ = QO_PIX_FMT_YUV422_YUYV;
   }
-  return type_ == kTypeUnknown ? "cannot open " + src + ": " + why : "";
+  return type_ == QO_PIX_FMT_NONE ? "cannot open " + src + ": " + why : "";
 }
 
 void PlaySession::Configure(qo::HostNode* player) const {
@@ -408,7 +390,7 @@ int PlaySession::Run() {
   try {
     qo::HostNode player(node_);
     Configure(&player);
-    if (!o.sync) player.AttachQueue(0, kQueueCapacity);
+    if (!o.sync) player.AttachQueue(0);
     LibraryOutput::Hold();
     try {
       player.Open();
@@ -420,7 +402,7 @@ int PlaySession::Run() {
     long index = 0;
     double last_check_s = 0;
     for (;;) {
-      if (StopSignal::Requested()) {
+      if (StopRequested()) {
         end = "interrupted";
         break;
       }
@@ -483,7 +465,6 @@ int PlaySession::Run() {
   // On failure qomm's one line replaces what the library said (-v shows it).
   LibraryOutput::Release(failure.empty());
   report.End(end);
-  frames_ = report.frames();
 
   FILE* summary = o.json ? stderr : out;
   if (failure.empty() || report.frames() > 0) report.PrintSummary(summary);

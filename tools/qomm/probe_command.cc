@@ -2,20 +2,18 @@
 #include <cstdio>
 #include <string>
 
-#include "node/qo_media_facts.h"
 #include "qomm.h"
 
 namespace qomm {
 
-const char* ProbeUsage() {
-  return "usage: qomm probe URI\n"
-         "\n"
-         "Prints the stream type of a source: h264, h265, mjpeg or unknown. rtsp:// and\n"
-         "v4l2:// sources are asked through the video input node's stream.type function\n"
-         "(cameras are probed for JPEG only; up to about 10 s); files (a path or file://)\n"
-         "are recognised from their first bytes.\n"
-         "Exit status: 0 when the type is known, 1 when not, 2 for bad usage.\n";
-}
+const char kProbeUsage[] =
+    "usage: qomm probe URI\n"
+    "\n"
+    "Prints the stream type of a source: h264, h265, mjpeg or unknown. rtsp:// and\n"
+    "v4l2:// sources are asked through the video input node's stream.type function\n"
+    "(cameras are probed for JPEG only; up to about 10 s); files (a path or file://)\n"
+    "are recognised from their first bytes.\n"
+    "Exit status: 0 when the type is known, 1 when not, 2 for bad usage.\n";
 
 int RunProbe(ArgReader& args) {
   std::string uri;
@@ -33,21 +31,16 @@ int RunProbe(ArgReader& args) {
   }
   const std::string path = uri.find("://") != std::string::npos ? uri.substr(7) : uri;
   std::string why = uri.rfind("rtsp://", 0) == 0 ? "" : CheckReadable(path);
-  int type = kTypeUnknown;
+  int type = QO_PIX_FMT_NONE;
   if (why.empty()) {
     type = live ? ProbeStreamType(uri, std::nullopt, &why) : TypeFromContent(path, &why);
-    if (type == kTypeUnknown && why.empty()) why = "neither H.264, H.265 nor JPEG";
+    if (type == QO_PIX_FMT_NONE && why.empty()) why = "neither H.264, H.265 nor JPEG";
   }
   // Only the three encoded types are detected; anything else reads as unknown.
-  if (!qo::mm::IsEncodedType(type)) type = kTypeUnknown;
+  if (!qo::mm::IsEncodedType(type)) type = QO_PIX_FMT_NONE;
   printf("%s\n", TypeName(type).c_str());
   fflush(stdout);
-  if (type == kTypeUnknown) {
-    fprintf(stderr, "qomm: %s\n",
-            MaskPasswords("cannot detect the stream type of " + uri + ": " + why).c_str());
-    return 1;
-  }
-  return 0;
+  return type == QO_PIX_FMT_NONE ? Fail("cannot detect the stream type of " + uri + ": " + why) : 0;
 }
 
 }  // namespace qomm

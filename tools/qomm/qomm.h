@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,6 +18,10 @@
 #include "core/qo_ndarray.h"
 #include "node/qo_media_facts.h"
 #include "node/qo_video_in_node.h"
+
+namespace qo::tools {
+class RtspServer;
+}
 
 namespace qomm {
 
@@ -36,12 +41,17 @@ class ArgReader {
   std::string Next();
   // The value of option `name`: the pending "=value" or the next word.
   std::string Value(const std::string& name);
-  int IntValue(const std::string& name, long low, long high);
-  double DoubleValue(const std::string& name, double low, double high);
+  int IntValue(const std::string& name, long low, long high) {
+    return static_cast<int>(Number(name, low, high, true));
+  }
+  double DoubleValue(const std::string& name, double low, double high) {
+    return Number(name, low, high, false);
+  }
   // Throws when an "=value" was given to an option that takes none.
   void NoValue(const std::string& name);
 
  private:
+  double Number(const std::string& name, double low, double high, bool whole);
   std::vector<std::string> args_;
   size_t next_ = 0;
   bool has_pending_ = false;
@@ -49,24 +59,19 @@ class ArgReader {
 };
 
 // Ctrl-C and SIGTERM end a run cleanly; a second Ctrl-C ends it at once.
-class StopSignal {
- public:
-  static void Install();
-  static bool Requested();
-};
+void InstallStopSignal();
+bool StopRequested();
 
-// The commands of qomm. Each reads its own options (throwing UsageError) and
-// returns the exit status.
+// The commands of qomm and their --help texts. Each reads its own options
+// (throwing UsageError) and returns the exit status.
 int RunDemo(ArgReader& args);
-int RunPlay(ArgReader& args);
 int RunProbe(ArgReader& args);
 int RunServe(ArgReader& args);
-int RunList(ArgReader& args);
+extern const char kDemoUsage[], kPlayUsage[], kProbeUsage[], kServeUsage[];
 
-const char* DemoUsage();
-const char* ProbeUsage();
-const char* ServeUsage();
-const char* ListUsage();
+// Prints "qomm: <message>" (passwords masked) on standard error; returns 1,
+// the exit status of a failed run.
+int Fail(const std::string& message);
 
 // Everything the media-input library says on its own: the two layers'
 // diagnostics and the framework's log lines, taken through their sinks. They
@@ -92,37 +97,28 @@ std::string MaskPasswords(std::string text);
 // trailing marks: "Stream Open failed".
 std::string ErrorMessage(const std::string& what);
 
-// Stream types as the nodes number them (the pixel-format codes of their
-// "stream-type" parameter), their names on the command line, and detection
-// from file names and file contents.
-constexpr int kTypeUnknown = QO_PIX_FMT_NONE;
-constexpr int kTypeH264 = QO_PIX_FMT_H264;
-constexpr int kTypeH265 = QO_PIX_FMT_H265;
-constexpr int kTypeMjpeg = QO_PIX_FMT_MJPEG;
-
-// "h264", "h265", "mjpeg", a raw format name ("nv12", "yuyv", ...), the
-// number itself for other codes, or "unknown" for -1.
+// Stream types (the nodes' "stream-type" codes) on the command line: the
+// facts table's name, "jpeg", the number itself for other codes, or
+// "unknown" for QO_PIX_FMT_NONE.
 std::string TypeName(int type);
-
 // Parses a --type value: a name TypeName gives, "hevc"/"jpeg", or a number.
 bool ParseType(const std::string& text, int* type);
 
-// From the extension: .h264/.264, .h265/.265/.hevc, .mjpeg/.mjpg/.jpeg/.jpg;
-// kTypeUnknown otherwise.
-int TypeFromFileName(const std::string& path);
-
-// Looks at the first bytes of the file with GStreamer's type finders:
-// H.264, H.265 or JPEG, else kTypeUnknown. *error says why on a read error.
+// H.264, H.265 or MJPEG from the first bytes of the file (GStreamer's type
+// finders), else QO_PIX_FMT_NONE; *error says why on a read error.
 int TypeFromContent(const std::string& path, std::string* error);
-
-// The extension first, then the content.
+// The same, from the file name's extension first.
 int DetectFileType(const std::string& path, std::string* error);
 
 // Why a local file or device cannot be read, "" when it can.
 std::string CheckReadable(const std::string& path);
 
-// Counts what a source delivered, shows it while it plays (one updating line
-// on a terminal, a line every few seconds otherwise) and sums it up.
+// Serves the files (H.264, H.265 or MJPEG, told as DetectFileType does) on
+// 127.0.0.1:port (0: a free port), each replayed at fps and looped at
+// /<file name>. Null with the reason in *error when one cannot be served.
+std::unique_ptr<qo::tools::RtspServer> ServeFiles(const std::vector<std::string>& files, int port,
+                                                  int fps, std::string* error);
+
 // What one task (or sync pull) carried.
 struct FrameInfo {
   int status = 0;  // 0 frame, 1 end of stream, 2 time-out
@@ -137,14 +133,13 @@ struct FrameInfo {
   qo::NDArray array;  // keeps data alive
 };
 
-// Wall-clock nanoseconds since the Unix epoch.
-int64_t WallClockNs();
-// True when ts reads as Unix-epoch nanoseconds within a day of now: RTSP
-// frames carry such times once the sender's RTCP reports arrived.
-bool IsWallClock(uint64_t ts, int64_t now_ns);
-// "2026-01-31 12:34:56.789 UTC".
-std::string FormatWallClock(uint64_t ts);
+// How many milliseconds ago ts was, when it reads as Unix-epoch nanoseconds
+// within a day of now: RTSP frames carry such times once the sender's RTCP
+// reports arrived.
+std::optional<double> WallClockAgeMs(uint64_t ts);
 
+// Counts what a source delivered, shows it while it plays (one updating line
+// on a terminal, a line every few seconds otherwise) and sums it up.
 class PlayReport {
  public:
   enum class Progress { kNone, kLine, kPeriodic };
@@ -187,8 +182,7 @@ class PlayReport {
   int height_ = 0;
   uint64_t first_pts_ = 0;
   uint64_t last_pts_ = 0;
-  bool last_is_wall_clock_ = false;
-  double last_age_ms_ = 0;
+  std::optional<double> last_age_ms_;
 };
 
 // Decodes the first picture of a source with GStreamer's decoders and writes
@@ -230,9 +224,6 @@ class Snapshot {
   std::string error_;
 };
 
-// One run of a source through its node: checks the source, picks the node
-// and the stream type, sets the parameters, consumes the tasks (progress,
-// JSON lines, snapshot) and reports.
 // The source nodes, by their registered function prefixes.
 constexpr char kFileNode[] = "qo.mm.file.in";
 constexpr char kVideoNode[] = "qo.mm.video.in";
@@ -263,20 +254,20 @@ struct PlayOptions {
 };
 
 // The stream type of an rtsp:// or v4l2:// source as the video input node
-// probes it, or kTypeUnknown with the stream's reason in *why.
+// probes it, or QO_PIX_FMT_NONE with the stream's reason in *why.
 int ProbeStreamType(const std::string& uri, std::optional<int> transport, std::string* why);
 
 // Reads the options of "qomm play"; throws UsageError.
 PlayOptions ParsePlayOptions(ArgReader& args);
-const char* PlayUsage();
 
+// One run of a source through its node: checks the source, picks the node
+// and the stream type, sets the parameters, consumes the tasks (progress,
+// JSON lines, snapshot) and reports.
 class PlaySession {
  public:
   explicit PlaySession(PlayOptions options);
   // Exit status: 0 clean end, 1 the source failed.
   int Run();
-
-  int frames() const { return frames_; }
 
  private:
   // Fills node_kind_, type_ and the URI/path; "" or the reason it cannot.
@@ -285,7 +276,6 @@ class PlaySession {
   // Waits up to a slice for the next task or sync pull; false when none came.
   bool Next(qo::HostNode* node, FrameInfo* info);
   int Timeout() const { return options_.timeout.value_or(qo::mm::kDefaultPullTimeoutSeconds); }
-  int Fail(const std::string& message) const;
 
   static constexpr int kRetries = qo::mm::VideoInput::kRetryBudget;
   PlayOptions options_;
@@ -293,7 +283,6 @@ class PlaySession {
   int empty_pulls_ = 0;         // sync mode: time-outs in a row
   int type_ = -1;
   std::string path_;  // file or device behind the source
-  int frames_ = 0;
 };
 
 }  // namespace qomm

@@ -1,8 +1,8 @@
 // qomm serve: elementary-stream files replayed over RTSP on 127.0.0.1.
-#include <gst/gst.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <vector>
@@ -12,31 +12,62 @@
 
 namespace qomm {
 
-namespace {
+const char kServeUsage[] =
+    "usage: qomm serve FILE... [--port N] [--fps N]\n"
+    "\n"
+    "Serves H.264, H.265 and MJPEG elementary-stream files over RTSP on 127.0.0.1,\n"
+    "each replayed in real time and looped, at rtsp://127.0.0.1:PORT/<file name>.\n"
+    "The type comes from the extension (.h264 .264 .h265 .265 .hevc .mjpeg .mjpg)\n"
+    "or from the content. Prints one line per stream (URL, type, file) and runs\n"
+    "until Ctrl-C or SIGTERM.\n"
+    "  --port N   port to listen on (default 8554; 0 picks a free one)\n"
+    "  --fps N    frames per second of the replay (default 30)\n";
 
-constexpr int kDefaultPort = 8554;
-
-std::string BaseName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-}  // namespace
-
-const char* ServeUsage() {
-  return "usage: qomm serve FILE... [--port N] [--fps N]\n"
-         "\n"
-         "Serves H.264, H.265 and MJPEG elementary-stream files over RTSP on 127.0.0.1,\n"
-         "each replayed in real time and looped, at rtsp://127.0.0.1:PORT/<file name>.\n"
-         "The type comes from the extension (.h264 .264 .h265 .265 .hevc .mjpeg .mjpg)\n"
-         "or from the content. Prints one line per stream (URL, type, file) and runs\n"
-         "until Ctrl-C or SIGTERM.\n"
-         "  --port N   port to listen on (default 8554; 0 picks a free one)\n"
-         "  --fps N    frames per second of the replay (default 30)\n";
+std::unique_ptr<qo::tools::RtspServer> ServeFiles(const std::vector<std::string>& files, int port,
+                                                  int fps, std::string* error) {
+  gst_init(nullptr, nullptr);
+  qo::tools::RtspServerOptions server_options;
+  server_options.address = "127.0.0.1";
+  server_options.port = port;
+  auto server = std::make_unique<qo::tools::RtspServer>(server_options);
+  std::set<std::string> mounts;
+  for (const std::string& file : files) {
+    if (std::string why = CheckReadable(file); !why.empty()) {
+      *error = "cannot open " + file + ": " + why;
+      return nullptr;
+    }
+    std::string why;
+    const int type = DetectFileType(file, &why);
+    if (!qo::mm::IsEncodedType(type)) {
+      *error =
+          "cannot serve " + file + ": " + (why.empty() ? "neither H.264, H.265 nor MJPEG" : why);
+      return nullptr;
+    }
+    qo::tools::RtspStreamSpec stream;
+    // RtspCodec lists the encoded types in the order of their codes.
+    stream.codec = static_cast<qo::tools::RtspCodec>(type - QO_PIX_FMT_H264);
+    const std::string base = "/" + std::filesystem::path(file).filename().string();
+    stream.mount = base;
+    for (int n = 2; mounts.count(stream.mount) > 0; ++n)
+      stream.mount = base + "-" + std::to_string(n);
+    mounts.insert(stream.mount);
+    stream.fps = fps;
+    stream.file = file;
+    if (!server->AddStream(stream, &why)) {
+      *error = "cannot serve " + file + ": " + why;
+      return nullptr;
+    }
+  }
+  std::string why;
+  if (!server->Start(&why)) {
+    *error = "cannot serve on 127.0.0.1:" + std::to_string(port) + ": " + why;
+    return nullptr;
+  }
+  return server;
 }
 
 int RunServe(ArgReader& args) {
-  int port = kDefaultPort;
+  int port = 8554;
   int fps = 30;
   std::vector<std::string> files;
   while (!args.done()) {
@@ -53,58 +84,18 @@ int RunServe(ArgReader& args) {
   }
   if (files.empty()) throw UsageError("serve needs at least one FILE");
 
-  gst_init(nullptr, nullptr);
-  qo::tools::RtspServerOptions server_options;
-  server_options.address = "127.0.0.1";
-  server_options.port = port;
-  qo::tools::RtspServer server(server_options);
-  std::set<std::string> mounts;
-  std::vector<std::string> types;
-  for (const std::string& file : files) {
-    std::string why = CheckReadable(file);
-    if (!why.empty()) {
-      fprintf(stderr, "qomm: cannot open %s: %s\n", file.c_str(), why.c_str());
-      return 1;
-    }
-    std::string error;
-    int type = DetectFileType(file, &error);
-    qo::tools::RtspStreamSpec stream;
-    using qo::tools::RtspCodec;
-    constexpr RtspCodec kCodecs[] = {RtspCodec::kH264, RtspCodec::kH265, RtspCodec::kMjpeg};
-    if (!qo::mm::IsEncodedType(type)) {
-      fprintf(stderr, "qomm: cannot serve %s: %s\n", file.c_str(),
-              error.empty() ? "neither H.264, H.265 nor MJPEG" : error.c_str());
-      return 1;
-    }
-    stream.codec = kCodecs[type - kTypeH264];
-    std::string mount = "/" + BaseName(file);
-    for (int n = 2; mounts.count(mount) > 0; ++n)
-      mount = "/" + BaseName(file) + "-" + std::to_string(n);
-    mounts.insert(mount);
-    stream.mount = mount;
-    stream.fps = fps;
-    stream.file = file;
-    if (!server.AddStream(stream, &error)) {
-      fprintf(stderr, "qomm: cannot serve %s: %s\n", file.c_str(), error.c_str());
-      return 1;
-    }
-    types.push_back(TypeName(type));
-  }
   std::string error;
-  if (!server.Start(&error)) {
-    fprintf(stderr, "qomm: cannot serve on 127.0.0.1:%d: %s\n", port, error.c_str());
-    return 1;
+  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles(files, port, fps, &error);
+  if (!server) return Fail(error);
+  for (const qo::tools::RtspStreamSpec& s : server->streams()) {
+    printf("%s  %s  %s\n", server->Url(s.mount).c_str(),
+           TypeName(QO_PIX_FMT_H264 + static_cast<int>(s.codec)).c_str(), s.file.c_str());
   }
-  FILE* out = stdout;
-  for (size_t i = 0; i < server.streams().size(); ++i) {
-    const qo::tools::RtspStreamSpec& s = server.streams()[i];
-    fprintf(out, "%s  %s  %s\n", server.Url(s.mount).c_str(), types[i].c_str(), s.file.c_str());
-  }
-  fflush(out);
+  fflush(stdout);
   fprintf(stderr, "qomm: serving %zu stream(s) on 127.0.0.1:%d at %d fps; Ctrl-C stops\n",
-          server.streams().size(), server.port(), fps);
-  while (!StopSignal::Requested()) usleep(100 * 1000);
-  server.Stop();
+          server->streams().size(), server->port(), fps);
+  while (!StopRequested()) usleep(100 * 1000);
+  server->Stop();
   return 0;
 }
 

@@ -43,31 +43,23 @@ bool Snapshot::Build(const FrameInfo& frame) {
   // One decoding thread: a picture comes out as soon as it can be decoded;
   // pictures decoded without their reference frames (a stream joined
   // between key frames) are dropped.
-  switch (frame.format) {
-    case kTypeH264:
-      caps = "video/x-h264,stream-format=byte-stream,alignment=au";
-      decode = "h264parse ! avdec_h264 max-threads=1 output-corrupt=false";
-      break;
-    case kTypeH265:
-      caps = "video/x-h265,stream-format=byte-stream,alignment=au";
-      decode = "h265parse ! avdec_h265 max-threads=1 output-corrupt=false";
-      break;
-    case kTypeMjpeg:
-      caps = "image/jpeg,parsed=true";
-      decode = "jpegdec";
-      break;
-    default: {
-      const qo::mm::StreamTypeFact* fact = qo::mm::FindStreamType(frame.format);
-      const char* raw = fact != nullptr ? fact->raw_format : nullptr;
-      if (raw == nullptr || frame.width <= 0 || frame.height <= 0) {
-        Fail("cannot decode pictures of type " + TypeName(frame.format));
-        return false;
-      }
-      caps = std::string("video/x-raw,format=") + raw + ",width=" + std::to_string(frame.width) +
-             ",height=" + std::to_string(frame.height) + ",framerate=0/1";
-      decode = "identity";
-      break;
+  if (frame.format == QO_PIX_FMT_H264 || frame.format == QO_PIX_FMT_H265) {
+    const std::string codec = TypeName(frame.format);
+    caps = "video/x-" + codec + ",stream-format=byte-stream,alignment=au";
+    decode = codec + "parse ! avdec_" + codec + " max-threads=1 output-corrupt=false";
+  } else if (frame.format == QO_PIX_FMT_MJPEG) {
+    caps = "image/jpeg,parsed=true";
+    decode = "jpegdec";
+  } else {
+    const qo::mm::StreamTypeFact* fact = qo::mm::FindStreamType(frame.format);
+    const char* raw = fact != nullptr ? fact->raw_format : nullptr;
+    if (raw == nullptr || frame.width <= 0 || frame.height <= 0) {
+      Fail("cannot decode pictures of type " + TypeName(frame.format));
+      return false;
     }
+    caps = std::string("video/x-raw,format=") + raw + ",width=" + std::to_string(frame.width) +
+           ",height=" + std::to_string(frame.height) + ",framerate=0/1";
+    decode = "identity";
   }
   std::string launch = "appsrc name=src format=time caps=\"" + caps + "\" ! " + decode +
                        " ! videoconvert ! video/x-raw,format=RGB ! pngenc ! "
@@ -138,18 +130,14 @@ bool Snapshot::Feed(const FrameInfo& frame) {
 }
 
 bool Snapshot::Finish() {
-  if (done_) return true;
-  if (!failed_) {
-    if (pipeline_ == nullptr) {
-      Fail("no frame arrived");
-      return false;
-    }
-    gst_app_src_end_of_stream(GST_APP_SRC(src_));
-    if (TakePicture(kDrainWait)) return true;
-    if (!failed_) {
-      Fail("no picture could be decoded from the first " + std::to_string(fed_) + " frames");
-    }
+  if (done_ || failed_) return done_;
+  if (pipeline_ == nullptr) {
+    Fail("no frame arrived");
+    return false;
   }
+  gst_app_src_end_of_stream(GST_APP_SRC(src_));
+  if (TakePicture(kDrainWait) || failed_) return done_;
+  Fail("no picture could be decoded from the first " + std::to_string(fed_) + " frames");
   return false;
 }
 
