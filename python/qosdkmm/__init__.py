@@ -101,6 +101,8 @@ def _close_all():
 
 class _Source(_Input):
     def __init__(self, node, params):
+        if params.get("sync_mode"):
+            raise ValueError("sync_mode: Python inputs take the node's tasks from its queue")
         super().__init__(node)
         for key, value in params.items():
             if value is not None:

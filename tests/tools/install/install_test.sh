@@ -4,6 +4,8 @@
 # libraries find each other by their run path; the README's host example and a
 # host program build against it with pkg-config and with find_package and run;
 # qomm plays an installed sample; the GStreamer element loads from there;
+# the README's Python example runs on the installed module (found by Debian's
+# python3 itself for /usr and /usr/local, through PYTHONPATH elsewhere);
 # nothing of ours beyond the API is exported.
 set -euo pipefail
 build_dir=$1
@@ -57,6 +59,33 @@ cmake --build "$work/cm/build" >/dev/null
   { cat "$work/qomm.out"; fail "installed qomm failed"; }
 grep -q "^  frames: *$frames," "$work/qomm.out" ||
   { cat "$work/qomm.out"; fail "installed qomm did not report $frames frames"; }
+
+# The README's Python example, word for word, on the installed module and
+# sample. Debian's python3 searches a /usr or /usr/local install by itself; a
+# staged one, or another prefix, needs PYTHONPATH.
+python=/usr/bin/python3
+if [ -n "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)" ]; then
+  pydir=$(dirname "$(dirname "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)")")
+  case ${prefix#"$work/stage"} in
+    /usr | /usr/local)
+      env -u PYTHONPATH "$python" -c 'import sys; print("\n".join(sys.path))' |
+        grep -qx "${pydir#"$work/stage"}" ||
+        fail "${pydir#"$work/stage"} is not on $python's default path" ;;
+  esac
+  awk '/^```python$/ {f = 1; next} /^```$/ {f = 0} f' "$readme" >"$work/readme_camera.py"
+  run_example() { # python-path sample
+    env -u LD_LIBRARY_PATH PYTHONPATH="$1" "$python" "$work/readme_camera.py" "file://$2" >"$work/py.out" 2>"$work/py.err" ||
+      { cat "$work/py.err"; fail "the README's Python example failed"; }
+    grep -q '(240, 320, 3)' "$work/py.out" || { cat "$work/py.out"; fail "the Python example decoded nothing"; }
+  }
+  run_example "$pydir" "$sample"
+  # Another prefix, moved after installing: the extension still finds the
+  # libraries by its run path.
+  cmake --install "$build_dir" --prefix "$work/custom" >/dev/null
+  mv "$work/custom" "$work/moved"
+  run_example "$(dirname "$(dirname "$(find "$work/moved" -name '_qosdkmm*.so' -print -quit)")")" \
+    "$(find "$work/moved" -path '*/qosdkmm/samples/sample.h264' -print -quit)"
+fi
 
 inspect=$(GST_PLUGIN_PATH=$libdir/gstreamer-1.0 GST_REGISTRY=$work/registry.bin \
   gst-inspect-1.0 live555src)
