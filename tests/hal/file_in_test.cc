@@ -154,15 +154,16 @@ TEST_P(FileDecoderRoundTrip, AccessUnitsMatchTheParserChainAtEveryPacketSize) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Streams, FileDecoderRoundTrip,
-                         ::testing::Values(Kind{"H264", media::Codec::kH264, 31, 2, 4},
-                                           Kind{"H265", media::Codec::kH265, 32, 2, 1},
-                                           Kind{"Mjpeg", media::Codec::kMjpeg, 33, 0, 1}),
+                         ::testing::Values(Kind{"H264", media::Codec::kH264, QO_PIX_FMT_H264, 2, 4},
+                                           Kind{"H265", media::Codec::kH265, QO_PIX_FMT_H265, 2, 1},
+                                           Kind{"Mjpeg", media::Codec::kMjpeg, QO_PIX_FMT_MJPEG, 0,
+                                                1}),
                          [](const auto& p) { return std::string(p.param.name); });
 
 TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
   testutil::LayerCapture cap;
   qo_VideoFileHandle h = qo_VideoFileOpen();
-  qo_VideoFileCfg(h, "stream-type", 0);
+  qo_VideoFileCfg(h, "stream-type", QO_PIX_FMT_NV12);
   qo_VideoFileCfg(h, "size", 100);
   ASSERT_EQ(qo_VideoFileStart(h), 0);
   // Nobody pulls: the appsink (2 buffers) and then the 800-byte queue fill.
@@ -208,7 +209,7 @@ TEST(FileDecoderFlow, FullQueueTimesOutThenStopReleasesABlockedFeeder) {
 TEST(FileDecoderLifecycle, GetBeforeStartAndAFailedStart) {
   testutil::LayerCapture cap;
   qo_VideoFileHandle h = qo_VideoFileOpen();
-  qo_VideoFileCfg(h, "stream-type", 33);
+  qo_VideoFileCfg(h, "stream-type", QO_PIX_FMT_MJPEG);
   uint8_t junk = 0;
   qo_StreamInfo info{99, &junk, 0, 7, 1, 1, 1};
   qo_VideoFileGetFrame(h, &info, 1);

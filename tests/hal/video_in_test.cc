@@ -49,7 +49,7 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
     int loops = 1;  // "Gstloop" threads afterwards
   } steps[] = {
       {[&] { a = qo_VideoStreamOpen(uri.c_str()); }, {"------->task: running main loop!"}},
-      {[&] { qo_VideoStreamCfg(a, "stream-type", 32); },
+      {[&] { qo_VideoStreamCfg(a, "stream-type", QO_PIX_FMT_H265); },
        {"$>qo_VideoStreamCfg():set pipeline[{id}] property \"stream-type\"=32 success!\n"}},
       {[&] { EXPECT_EQ(qo_VideoStreamStart(a), 0); },
        {"$$$$>p#{id} full string=filesrc name=src location={path} ! h265parse ! "
@@ -127,11 +127,13 @@ std::string Camera(const std::string& controls, const std::string& caps) {
 
 TEST(LiveStreamCompose, CameraStringsCarryFormatSizeRateAndControls) {
   const std::string au = ",stream-format=byte-stream,alignment=(string) au";
-  const std::pair<int, std::string> formats[] = {
-      {0, "NV12"}, {3, "YUY2"}, {31, "h264parse ! video/x-h264" + au}, {33, "image/jpeg"}};
+  const std::pair<int, std::string> formats[] = {{QO_PIX_FMT_NV12, "NV12"},
+                                                 {QO_PIX_FMT_YUV422_YUYV, "YUY2"},
+                                                 {QO_PIX_FMT_H264, "h264parse ! video/x-h264" + au},
+                                                 {QO_PIX_FMT_MJPEG, "image/jpeg"}};
   for (const auto& [type, stage] : formats) {
     std::string printed;  // no device: the start fails after the string was built
-    const std::string caps = type < 31 ? "video/x-raw,format=(string)" + stage : stage;
+    const std::string caps = type < QO_PIX_FMT_H264 ? "video/x-raw,format=(string)" + stage : stage;
     const Props props = {{"stream-type", type}, {"width", 640}, {"height", 480}, {"framerate", 30}};
     EXPECT_EQ(LaunchString(kCamera, props, &printed),
               Camera("", caps + ",width=640,height=480,framerate=30/1"));
@@ -146,7 +148,7 @@ TEST(LiveStreamCompose, CameraStringsCarryFormatSizeRateAndControls) {
       // Refused: the test pattern and the special mode never reach the string.
       {{{"test-pattern", 1}, {"mode", 1}, {"mode", 0}}, ""}};
   for (auto [props, expected] : controls) {
-    props.push_back({"stream-type", 0});
+    props.push_back({"stream-type", QO_PIX_FMT_NV12});
     EXPECT_EQ(LaunchString(kCamera, props), Camera(expected, "video/x-raw,format=(string)NV12"));
   }
 }
@@ -163,8 +165,14 @@ TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
     std::string line;
   } cases[] = {
       {'s', kCamera, {{"stream-type", 2}}, "#>ComposeV4L2():invalid or unsupport stream type 2"},
-      {'s', "rtsp://h/x", {{"stream-type", 0}}, "#>ComposeRTSP():invalid or unsupport stream"},
-      {'s', file, {{"stream-type", 34}}, "unsupport stream type 34 for file pipeline!\n"},
+      {'s',
+       "rtsp://h/x",
+       {{"stream-type", QO_PIX_FMT_NV12}},
+       "#>ComposeRTSP():invalid or unsupport stream"},
+      {'s',
+       file,
+       {{"stream-type", QO_PIX_FMT_JPEG}},
+       "unsupport stream type 34 for file pipeline!\n"},
       {'s', file, {{"mode", 0}}, "warn,unable to set property \"mode\"=0 to file pipeline!\n"},
       {'o', "http://h/x", {}, "#>PipelineParamParse():current input url:http://h/x is no"},
       {'o', "file:///qo/a", {}, "#>PipelineParamParse():file /qo/a is not exist!\n"},
@@ -184,14 +192,14 @@ TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
     EXPECT_TRUE(refused && cap.Has(c.line)) << c.line;
   }
   // One byte less fits, whole.
-  EXPECT_EQ(LaunchString(url511, {{"stream-type", 31}}).find(url511 + " ! "), 29u);
+  EXPECT_EQ(LaunchString(url511, {{"stream-type", QO_PIX_FMT_H264}}).find(url511 + " ! "), 29u);
 
   LayerCapture cap;
   qo_StrmHandle h = qo_VideoStreamOpen(kCamera);
   qo_StreamInfo info{};
   qo_VideoStreamGetFrame(h, &info, 1);  // before start: nothing to pull from
   EXPECT_EQ(info.eos, 1);
-  qo_VideoStreamCfg(h, "stream-type", 3);
+  qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_YUV422_YUYV);
   EXPECT_EQ(qo_VideoStreamStart(h), -1);
   EXPECT_TRUE(cap.WaitFor("GStreamer ERROR: ", 10000));  // reported by the bus watch
   qo_VideoStreamCfg(h, "width", 320);                    // still allowed after a failed start

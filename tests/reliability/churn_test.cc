@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "core/qo_c_type.h"
 #include "process_stats.h"
 #include "test_host.h"
 #include "test_media.h"
@@ -29,7 +30,9 @@ void ExpectFlatChurn(const char* prefix, const char* key, const std::string& val
     node.thread()->SetTxQue(out.queue(), 0);
     node.SetString(key, value);
     node.SetDouble("framerate", 0.0);
-    if (key == std::string("uri")) node.SetInt("lower-trans-type", i % 2 ? 4 : 1);
+    if (key == std::string("uri")) {
+      node.SetInt("lower-trans-type", i % 2 ? RTSP_TRANS_TCP : RTSP_TRANS_UDP);
+    }
     node.Open();
     ASSERT_TRUE(WaitUntil([&] { return out.Count(flag) > 0; }, 10000)) << "cycle " << i;
     node.Close();

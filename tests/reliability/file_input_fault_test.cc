@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <string>
 
+#include "core/qo_c_type.h"
 #include "process_stats.h"
 #include "test_common.h"
 #include "test_host.h"
@@ -146,9 +147,9 @@ TEST_F(FileInputFaultTest, UnreadableInput) {
     EXPECT_EQ(n.out.Count(0), 0u);
   }
   const std::string noise = testmedia::GenerateRawBytes(512 * 1024, 7);
-  for (int type : {31, 32, 33, 8}) {
+  for (int type : {QO_PIX_FMT_H264, QO_PIX_FMT_H265, QO_PIX_FMT_MJPEG, QO_PIX_FMT_GRAY8}) {
     SCOPED_TRACE(type);
-    // "size", "width" and "height" count for the pass-through type (8) only.
+    // "size", "width" and "height" count for the pass-through type (gray8) only.
     FileNode n("file", noise, 0, 0,
                {{"stream-type", type}, {"size", 64 * 1024}, {"width", 256}, {"height", 256}});
     const int status = n.RunToEnd();

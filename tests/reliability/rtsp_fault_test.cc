@@ -133,7 +133,7 @@ class Stream {
       node_->thread()->SetTxQue(out_.queue(), 0);
       node_->SetString("uri", url);
       node_->SetInt("lower-trans-type", trans);
-      node_->SetInt("stream-type", 31);
+      node_->SetInt("stream-type", QO_PIX_FMT_H264);
       node_->SetInt("timeout", timeout_s);
       node_->Open();
       return;
