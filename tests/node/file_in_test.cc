@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "core/qo_c_type.h"
 #include "hal_mm_video_common.h"
 #include "node/qo_file_in_node.h"
 #include "node_test_util.h"
@@ -187,9 +188,10 @@ TEST(FileInputStream, PassThroughShapesByPixelFormat) {
   const struct {
     int format, bytes;
     Shape shape;
-  } raw[] = {{0, w * h * 3 / 2, {h * 3 / 2, w}}, {42, 2 * w * h, {2 * h, w}},
-             {6, 3 * w * h, {3 * h, w}},         {8, w * h, {h, w}},
-             {41, 3 * w * h, {h, 3 * w}},        {34, 100, {100}}};
+  } raw[] = {
+      {QO_PIX_FMT_NV12, w * h * 3 / 2, {h * 3 / 2, w}}, {QO_PIX_FMT_YUV422P, 2 * w * h, {2 * h, w}},
+      {QO_PIX_FMT_BGR888_PLANE, 3 * w * h, {3 * h, w}}, {QO_PIX_FMT_GRAY8, w * h, {h, w}},
+      {QO_PIX_FMT_BGR888, 3 * w * h, {h, 3 * w}},       {QO_PIX_FMT_JPEG, 100, {100}}};
   for (const auto& c : raw) {
     SCOPED_TRACE(c.format);
     const std::string path = testmedia::GenerateRawBytes(3 * c.bytes, 7);
@@ -203,8 +205,9 @@ TEST(FileInputStream, PassThroughShapesByPixelFormat) {
     ASSERT_EQ(CountFlag(tasks, 0), 3u);
     for (int k = 0; k < 3; ++k) {
       EXPECT_EQ(tasks[k].data.Shape(), c.shape);
-      EXPECT_EQ(ExtFields(tasks[k].data),
-                std::vector<int32_t>({c.format, c.format == 34 ? 3 : 2, 0, 0, w, h, 0}));
+      EXPECT_EQ(
+          ExtFields(tasks[k].data),
+          std::vector<int32_t>({c.format, c.format == QO_PIX_FMT_JPEG ? 3 : 2, 0, 0, w, h, 0}));
     }
   }
 }
@@ -221,7 +224,7 @@ TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
   HostNode node(kPrefix);
   node.thread()->SetTxQue(out.queue(), 0);
   node.SetDouble("framerate", 0.0);
-  node.SetInt("stream-type", 34);
+  node.SetInt("stream-type", QO_PIX_FMT_JPEG);
   node.SetInt("size", 4);
   node.SetInt("timeout", 1);
   node.SetString("file", fifo);

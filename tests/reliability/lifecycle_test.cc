@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/qo_c_type.h"
 #include "hal_mm_file_in.h"
 #include "hal_mm_video_in.h"
 #include "node/qo_video_in_node.h"
@@ -129,7 +130,8 @@ TEST_P(LayerLifecycle, EveryCallInEveryState) {
   EXPECT_EQ(qo_VideoStreamLastError(h, nullptr, 0), QO_STREAM_OK);
   ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoStreamStart(h); }), 0);
   EXPECT_EQ(Timed("Start twice", kAtOnceMs, [&] { return qo_VideoStreamStart(h); }), -1);
-  Timed("Cfg while running", kAtOnceMs, [&] { qo_VideoStreamCfg(h, "stream-type", 32); });
+  Timed("Cfg while running", kAtOnceMs,
+        [&] { qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H265); });
 
   // Running with a puller; three frames stay with the host.
   std::vector<qo_StreamInfo> held;
@@ -261,7 +263,8 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
   qo_VideoFileHandle h = qo_VideoFileOpen();
   qo_VideoFileCfg(h, "size", 4096);
   ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoFileStart(h); }), 0);
-  Timed("Cfg while running", kAtOnceMs, [&] { qo_VideoFileCfg(h, "stream-type", 33); });
+  Timed("Cfg while running", kAtOnceMs,
+        [&] { qo_VideoFileCfg(h, "stream-type", QO_PIX_FMT_MJPEG); });
 
   // Nobody pulls: the pipeline fills up and a push times out with the packet
   // still the caller's.
