@@ -46,6 +46,9 @@ struct NodeCounters {
   // The reason of the last failed start; guarded by g_counters_lock.
   int start_code = -1;
   std::string start_text;
+  // The layer keeps the record of a stream whose start failed; it stays
+  // reachable here instead of being lost.
+  qo_StrmHandle failed_stream = nullptr;
 };
 std::mutex g_counters_lock;
 std::unordered_map<const VideoInput*, std::shared_ptr<NodeCounters>> g_counters;
@@ -233,6 +236,7 @@ void VideoInput::Start() {
       std::lock_guard<std::mutex> lock(g_counters_lock);
       counters->start_code = code == QO_STREAM_OK ? QO_STREAM_ERROR : code;
       counters->start_text = text[0] != '\0' ? text : "the stream did not start";
+      counters->failed_stream = stream;
     }
     LOG(5) << "Stream start failed !!!" << (text[0] != '\0' ? ": " : "") << text;
     return;

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "core/qo_c_runtime_api.h"
 #include "gstlive555src.h"
@@ -37,6 +38,12 @@ constexpr int kWatchReleasePolls = 50000;  // x 100 us = 5 s
 // that runs out half-way fails in some element, late and with an unclear
 // message, so the whole need is checked up front.
 constexpr int kStartDescriptors = 24;
+// Streams started but without a first frame open their descriptors later,
+// on their own threads, and GLib aborts the process when it cannot make a
+// wake-up pipe: a start leaves room for them too (counted up to a bound).
+constexpr int kPendingDescriptors = 16;
+constexpr int kPendingCounted = 64;
+std::atomic<int> g_starting{0};
 constexpr int64_t kWallFloorNs = 1000000000LL * 1000000000LL;  // Unix-epoch stamps are above
 constexpr char kTooManyFiles[] = "too many open files";
 
@@ -60,18 +67,26 @@ bool IsTooManyFiles(const char* text) {
   return text && (strstr(text, "Too many open files") || strstr(text, kTooManyFiles));
 }
 
-// True when kStartDescriptors more descriptors can be opened now.
-bool DescriptorsLeft() {
-  int fds[kStartDescriptors];
-  int n = 0;
-  while (n < kStartDescriptors && (fds[n] = fcntl(0, F_DUPFD_CLOEXEC, 0)) >= 0) n++;
-  // fd 0 may be closed: any open descriptor serves, or a fresh one.
-  if (n == 0 && errno == EBADF) {
-    while (n < kStartDescriptors && (fds[n] = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0) n++;
+// True when `need` more descriptors can be opened now.
+bool DescriptorsLeft(int need) {
+  std::vector<int> fds;
+  fds.reserve(static_cast<size_t>(need));
+  for (int fd; static_cast<int>(fds.size()) < need;) {
+    fd = fcntl(0, F_DUPFD_CLOEXEC, 0);
+    // fd 0 may be closed: then a fresh descriptor serves as well.
+    if (fd < 0 && errno == EBADF) fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) break;
+    fds.push_back(fd);
   }
-  const bool ok = n == kStartDescriptors;
-  while (n > 0) close(fds[--n]);
+  const bool ok = static_cast<int>(fds.size()) == need;
+  for (int fd : fds) close(fd);
   return ok;
+}
+
+// The stream has its descriptors (first frame) or needs none any more.
+void StartingDone(MultiStreamPipeline* proxy) {
+  if (proxy->starting.exchange(0, std::memory_order_relaxed) != 0)
+    g_starting.fetch_sub(1, std::memory_order_relaxed);
 }
 
 // The RTSP source's connection states ("live555src-state" messages): a loss
@@ -294,7 +309,7 @@ void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo
   }
   if (!GST_CLOCK_TIME_IS_VALID(ts)) ts = static_cast<GstClockTime>(g_get_monotonic_time());
   frame->time_stamp = ts;
-  proxy->stat_frames.fetch_add(1, std::memory_order_relaxed);
+  if (proxy->stat_frames.fetch_add(1, std::memory_order_relaxed) == 0) StartingDone(proxy);
   if (buffer) proxy->stat_bytes.fetch_add(gst_buffer_get_size(buffer), std::memory_order_relaxed);
   if (static_cast<int64_t>(ts) >= kWallFloorNs) {
     timespec now;
@@ -512,17 +527,23 @@ int qo_VideoStreamStart(qo_StrmHandle handle) {
     HalPrint("#>%s():pl#%d pipeline is already built!\n", __func__, proxy->iId);
     return -1;
   }
-  if (!DescriptorsLeft()) {
+  const int need =
+      kStartDescriptors + kPendingDescriptors * std::min(kPendingCounted, g_starting.load());
+  if (!DescriptorsLeft(need)) {
     char text[128];
-    snprintf(text, sizeof(text), "%s: a stream needs about %d free descriptors", kTooManyFiles,
-             kStartDescriptors);
+    snprintf(text, sizeof(text),
+             "%s: fewer than %d descriptors free for this stream and %d starting", kTooManyFiles,
+             need, g_starting.load());
     HalPrint("#>%s():pl#%d %s\n", __func__, proxy->iId, text);
     SetReason(proxy, QO_STREAM_TOO_MANY_FILES, text);
     return -1;
   }
-  if (PipelinelCompose(proxy) != 0) return -1;
-  if (PiplineInstall(proxy) != 0) return -1;
-  if (GstPipelineStart(proxy) != 0) return -1;
+  proxy->starting.store(1, std::memory_order_relaxed);
+  g_starting.fetch_add(1, std::memory_order_relaxed);
+  if (PipelinelCompose(proxy) != 0 || PiplineInstall(proxy) != 0 || GstPipelineStart(proxy) != 0) {
+    StartingDone(proxy);
+    return -1;
+  }
   return 0;
 }
 
@@ -566,6 +587,7 @@ void qo_VideoStreamClose(qo_StrmHandle handle) {
     return;
   }
   MultiStreamProxy* gproxy = &kGstProxy;
+  StartingDone(proxy);
   pthread_mutex_lock(&gproxy->lock);
   GstPipelineDestory(proxy);
   qo_VideoStreamDeinit();
