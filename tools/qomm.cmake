@@ -6,6 +6,7 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
     ${_qomm_dir}/main.cc
     ${_qomm_dir}/arg_reader.cc
     ${_qomm_dir}/demo_command.cc
+    ${_qomm_dir}/ingest_command.cc
     ${_qomm_dir}/library_output.cc
     ${_qomm_dir}/media_type.cc
     ${_qomm_dir}/play_report.cc
@@ -14,7 +15,10 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
     ${_qomm_dir}/serve_command.cc
     ${_qomm_dir}/snapshot.cc)
   pkg_check_modules(QOMM_GST_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-base-1.0)
-  target_link_libraries(qomm PRIVATE qosdkmm qortspserver PkgConfig::QOMM_GST_APP)
+  # ingest's --metrics HTTP server
+  pkg_check_modules(QOMM_SOUP REQUIRED IMPORTED_TARGET libsoup-3.0)
+  target_link_libraries(qomm PRIVATE qosdkmm qortspserver PkgConfig::QOMM_GST_APP
+                                     PkgConfig::QOMM_SOUP)
   target_compile_definitions(qomm PRIVATE
     QO_SAMPLES_RELATIVE_DIR="${CMAKE_INSTALL_DATADIR}/qosdkmm/samples"
     QO_SAMPLES_INSTALL_DIR="${CMAKE_INSTALL_FULL_DATADIR}/qosdkmm/samples"

@@ -83,6 +83,11 @@ int RunList(ArgReader& args) {
 
 int RunPlay(ArgReader& args) { return PlaySession(ParsePlayOptions(args)).Run(); }
 
+// ingest_command.cc
+extern const char kIngestUsage[];
+int RunIngest(ArgReader& args);
+void RaiseDescriptorLimit();
+
 struct Command {
   const char* name;
   int (*run)(ArgReader&);
@@ -93,7 +98,8 @@ constexpr Command kDemo = {"", RunDemo, kDemoUsage};
 constexpr Command kCommands[] = {{"play", RunPlay, kPlayUsage},
                                  {"probe", RunProbe, kProbeUsage},
                                  {"serve", RunServe, kServeUsage},
-                                 {"list", RunList, kListUsage}};
+                                 {"list", RunList, kListUsage},
+                                 {"ingest", RunIngest, kIngestUsage}};
 
 const Command* FindCommand(const std::string& name) {
   for (const Command& c : kCommands) {
@@ -103,6 +109,7 @@ const Command* FindCommand(const std::string& name) {
 }
 
 int Main(int argc, char** argv) {
+  RaiseDescriptorLimit();
   const Command* command = &kDemo;
   int status = 0;
   try {
