@@ -503,49 +503,105 @@ void Latency() {
          rows, targets, cdf);
 }
 
-// One scale step, in a fresh process: writes its table row, its plot line
-// and, at 64 streams, the verdict to --result.
+// Scale readers: the node, the live-stream layer under it, and GStreamer's
+// own chain, each pulled by a thread per stream.
+const char* const kScaleKinds[] = {"gst", "layer", "node"};
+const char* ScaleName(const std::string& kind) {
+  if (kind == "gst") return "GStreamer rtspsrc chain (baseline)";
+  return kind == "layer" ? "live-stream layer" : "VideoInput";
+}
+
+// Frames and losses of one stream, touched by one thread at a time.
+struct ScaleStream {
+  int64_t last = 0, frames = 0, lost = 0;
+};
+
+// One scale step, in a fresh process: writes its table row and its plot
+// line to --result.
 void ScaleStep() {
   const int n = static_cast<int>(Num("streams", 1));
+  const std::string kind = Arg("kind").empty() ? "node" : Arg("kind"), url = Arg("url");
   const double seconds = Num("seconds", 10), frame_ns = 1e9 / Num("fps", 30);
   const auto server = static_cast<pid_t>(Num("server-pid", 0));
   rlimit files;  // about 14 descriptors per stream
   getrlimit(RLIMIT_NOFILE, &files);
   files.rlim_cur = files.rlim_max;
   setrlimit(RLIMIT_NOFILE, &files);
+  const std::string chain = "rtspsrc location=" + url +
+                            " protocols=udp latency=0 add-reference-timestamp-meta=true ! "
+                            "rtph264depay ! " +
+                            Parser("h264") + " ! appsink name=sink sync=false max-buffers=8";
   // One-time costs (registry, plugins) stay out of the per-stream figures.
-  NodeCycle("qo.mm.video.in", Uri(Arg("url"), RTSP_TRANS_UDP));
+  if (kind == "gst")
+    GstCycle(chain.substr(0, chain.find(" ! appsink")));
+  else
+    NodeCycle("qo.mm.video.in", Uri(url, RTSP_TRANS_UDP));
   const Proc base = SampleProc();
-  struct Stream {
-    int64_t last = 0, frames = 0, lost = 0;
-  };
-  std::vector<Stream> streams(n);  // the sink's thread alone touches these
-  std::atomic<bool> measuring{false};
+  std::vector<ScaleStream> streams(n);
+  std::atomic<bool> measuring{false}, quit{false};
   std::atomic<int> stamped{0};
+  auto count = [&](int i, int64_t stamp) {
+    if (stamp < kWallFloorNs || i < 0 || i >= n) return;
+    ScaleStream& s = streams[i];
+    if (s.last == 0) ++stamped;
+    if (measuring && s.last != 0) {
+      ++s.frames;
+      s.lost += std::max<int64_t>(0, std::llround((stamp - s.last) / frame_ns) - 1);
+    }
+    s.last = stamp;
+  };
   Sink sink(
-      [&](const MediaTask& t, int64_t) {
-        if (t.flag != 0 || t.time_stamp < kWallFloorNs || t.source_id < 0 || t.source_id >= n)
-          return;
-        Stream& s = streams[t.source_id];
-        stamped += s.last == 0;
-        if (measuring && s.last != 0) {
-          ++s.frames;
-          s.lost += std::max<int64_t>(0, std::llround((t.time_stamp - s.last) / frame_ns) - 1);
-        }
-        s.last = t.time_stamp;
-      },
+      [&](const MediaTask& t, int64_t) { count(t.flag == 0 ? t.source_id : -1, t.time_stamp); },
       256);
   std::vector<std::unique_ptr<HostNode>> nodes;
+  std::vector<qo_StrmHandle> layers(n);
+  std::vector<GstElement*> chains(n);
+  std::vector<std::thread> pullers;
+  GstCaps* ntp = gst_caps_new_empty_simple("timestamp/x-ntp");
   int64_t t0 = Now();
   for (int i = 0; i < n; ++i) {
-    nodes.emplace_back(new HostNode("qo.mm.video.in"));
-    Uri(Arg("url"), RTSP_TRANS_UDP)(*nodes.back());
-    nodes.back()->SetInt("stream-id", i);
-    nodes.back()->Attach(sink.queue(), 0);
-    nodes.back()->Open();
+    if (kind == "node") {
+      nodes.emplace_back(new HostNode("qo.mm.video.in"));
+      Uri(url, RTSP_TRANS_UDP)(*nodes.back());
+      nodes.back()->SetInt("stream-id", i);
+      nodes.back()->Attach(sink.queue(), 0);
+      nodes.back()->Open();
+    } else if (kind == "layer") {
+      layers[i] = qo_VideoStreamOpen(url.c_str());
+      qo_VideoStreamCfg(layers[i], "stream-type", QO_PIX_FMT_H264);
+      qo_VideoStreamCfg(layers[i], "lower-trans-type", RTSP_TRANS_UDP);
+      qo_VideoStreamStart(layers[i]);
+      pullers.emplace_back([&, i] {
+        pthread_setname_np(pthread_self(), "bench_pull");
+        while (!quit) {
+          qo_StreamInfo f{};
+          qo_VideoStreamGetFrame(layers[i], &f, 1);
+          if (f.data == nullptr && f.eos != 0) break;
+          if (f.data == nullptr) continue;
+          count(i, static_cast<int64_t>(f.time_stamp));
+          qo_VideoStreamFrameFree(&f);
+        }
+      });
+    } else {
+      chains[i] = Launch(chain);
+      gst_element_set_state(chains[i], GST_STATE_PLAYING);
+      pullers.emplace_back([&, i] {
+        pthread_setname_np(pthread_self(), "bench_pull");
+        GstElement* appsink = gst_bin_get_by_name(GST_BIN(chains[i]), "sink");
+        while (!quit) {
+          GstSample* s = gst_app_sink_try_pull_sample(GST_APP_SINK(appsink), GST_SECOND);
+          if (s == nullptr) continue;
+          auto* m = gst_buffer_get_reference_timestamp_meta(gst_sample_get_buffer(s), ntp);
+          if (m != nullptr && m->timestamp > kNtpToUnixNs)
+            count(i, static_cast<int64_t>(m->timestamp - kNtpToUnixNs));
+          gst_sample_unref(s);
+        }
+        gst_object_unref(appsink);
+      });
+    }
   }
   const double open_s = MsSince(t0) / 1e3;
-  WaitFor([&] { return stamped == n; }, 30000);
+  WaitFor([&] { return stamped == n; }, 60000);
   usleep(2000000);
   const Proc a0 = SampleProc(), s0 = server > 0 ? SampleProc(server) : Proc();
   t0 = Now();
@@ -555,49 +611,113 @@ void ScaleStep() {
   const double secs = MsSince(t0) / 1e3;
   const Proc a1 = SampleProc(), s1 = server > 0 ? SampleProc(server) : Proc();
   t0 = Now();
+  // The layer's streams are closed without a stop: a stop waits for the
+  // puller to see the end, one stream after the other.
+  quit = true;
+  for (std::thread& t : pullers) t.join();
+  for (int i = 0; i < n && kind == "layer"; ++i) qo_VideoStreamClose(layers[i]);
+  for (int i = 0; i < n && kind == "gst"; ++i) Stop(chains[i]);
   nodes.clear();  // closes and destroys each
   const double close_s = MsSince(t0) / 1e3;
   sink.Stop();
+  gst_caps_unref(ntp);
   std::vector<double> fps;
   int64_t lost = 0;
-  for (const Stream& s : streams) fps.push_back(s.frames / secs), lost += s.lost;
+  for (const ScaleStream& s : streams) fps.push_back(s.frames / secs), lost += s.lost;
   const double med = Median(fps), min = *std::min_element(fps.begin(), fps.end()),
-               cpu = (a1.cpu_s - a0.cpu_s) / secs * 100, srv = (s1.cpu_s - s0.cpu_s) / secs * 100,
-               rss = (a1.rss_mib - base.rss_mib) / n;
+               cpu = (a1.cpu_s - a0.cpu_s) / secs * 100 / n,
+               srv = (s1.cpu_s - s0.cpu_s) / secs * 100, rss = (a1.rss_mib - base.rss_mib) / n,
+               threads = static_cast<double>(a1.threads - base.threads) / n,
+               fds = static_cast<double>(a1.fds - base.fds) / n;
+  // Fields: N, kind, streams with frames, fps median, fps min, lost, CPU per
+  // stream, RSS per stream, threads per stream, fds per stream, server CPU,
+  // open s, close s, threads, fds.
   std::ofstream(Arg("result")) << Fmt(
-      "| %d | %d | %.2f / %.2f | %lld | %.0f | %.0f | %.2f | %d | %d | %.1f / %.1f |\n"
-      "%d\t%.2f\t%.2f\t%lld\t%.0f\t%.0f\t%.3f\n%s\n",
-      n, stamped.load(), med, min, static_cast<long long>(lost), cpu, srv, rss, a1.threads, a1.fds,
-      open_s, close_s, n, med, min, static_cast<long long>(lost), cpu, srv, rss,
-      n == 64 ? Verdict(lost == 0 && rss < 4).c_str() : "");
+      "%d\t%s\t%d\t%.2f\t%.2f\t%lld\t%.3f\t%.3f\t%.2f\t%.2f\t%.0f\t%.1f\t%.1f\t%d\t%d\n", n,
+      kind.c_str(), stamped.load(), med, min, static_cast<long long>(lost), cpu, rss, threads, fds,
+      srv, open_s, close_s, a1.threads, a1.fds);
 }
 
+struct ScaleRow {
+  int n = 0, with_frames = 0, threads = 0, fds = 0;
+  std::string kind;
+  double fps_med = 0, fps_min = 0, cpu = 0, rss = 0, threads_per = 0, fds_per = 0, srv = 0,
+         open_s = 0, close_s = 0;
+  long long lost = 0;
+  bool ok = false;
+};
+
+ScaleRow ReadScaleRow(const std::string& path) {
+  ScaleRow r;
+  std::ifstream f(path);
+  r.ok = static_cast<bool>(f >> r.n >> r.kind >> r.with_frames >> r.fps_med >> r.fps_min >>
+                           r.lost >> r.cpu >> r.rss >> r.threads_per >> r.fds_per >> r.srv >>
+                           r.open_s >> r.close_s >> r.threads >> r.fds);
+  return r;
+}
+
+// Each N runs the baseline chain first, then our readers (--kinds), each in
+// a fresh process, so that their ratios come from the same minute.
 void Scale() {
   if (g_args.count("result")) return ScaleStep();
-  std::string rows, dat = "N\tfps_median\tfps_min\tlost\tcpu\tserver_cpu\trss_per_stream\n",
-                    target = "not measured";
+  const std::string label = Arg("label").empty() ? "1080p30" : Arg("label");
+  std::vector<std::string> kinds;
+  std::istringstream kind_list(Arg("kinds").empty() ? "gst,layer,node" : Arg("kinds"));
+  for (std::string k; std::getline(kind_list, k, ',');) kinds.push_back(k);
+  std::string rows, dat, misses;
+  const double target_at = Num("target-at", 64);
   std::istringstream list(Arg("streams"));
   for (std::string n; std::getline(list, n, ',');) {
-    std::fprintf(stderr, "qo-bench scale: %s streams\n", n.c_str());
-    // A fresh process each: memory freed by a larger run cannot flatter a smaller one.
-    const std::string result = Arg("out") + "/scale_" + n + ".txt";
-    std::vector<std::string> argv = {"/proc/self/exe", "scale", "--result", result};
-    for (const auto& kv : g_args) {
-      argv.insert(argv.end(), {"--" + kv.first, kv.first == "streams" ? n : kv.second});
+    ScaleRow base;
+    for (const std::string& kind : kinds) {
+      std::fprintf(stderr, "qo-bench scale: %s, %s streams, %s\n", label.c_str(), n.c_str(),
+                   kind.c_str());
+      // A fresh process each: memory freed by a larger run cannot flatter a smaller one.
+      const std::string result = Arg("out") + "/scale_" + label + "_" + n + "_" + kind + ".txt";
+      std::vector<std::string> argv = {"/proc/self/exe", "scale",  "--result",
+                                       result,           "--kind", kind};
+      for (const auto& kv : g_args) {
+        if (kv.first == "kinds") continue;
+        argv.insert(argv.end(), {"--" + kv.first, kv.first == "streams" ? n : kv.second});
+      }
+      unlink(result.c_str());
+      TimeProcess(argv, true);
+      const ScaleRow r = ReadScaleRow(result);
+      if (!r.ok) {
+        rows += "| " + n + " | " + ScaleName(kind) + " | failed |\n";
+        continue;
+      }
+      if (kind == "gst") base = r;
+      const bool has_base = base.ok && kind != "gst";
+      const double cpu_ratio = has_base ? r.cpu / base.cpu : 1,
+                   rss_ratio = has_base ? r.rss / base.rss : 1;
+      rows +=
+          Fmt("| %d | %s | %d | %.2f / %.2f | %lld | %.3f | %s | %.2f | %s | %.2f | %.2f | %.0f | "
+              "%d / %d |\n",
+              r.n, ScaleName(kind), r.with_frames, r.fps_med, r.fps_min, r.lost, r.cpu,
+              has_base ? Fmt("%.2f", cpu_ratio).c_str() : "1", r.rss,
+              has_base ? Fmt("%.2f", rss_ratio).c_str() : "1", r.threads_per, r.fds_per, r.srv,
+              r.threads, r.fds);
+      dat += Fmt("%d\t%s\t%.4f\t%.3f\t%.3f\t%.3f\n", r.n, kind.c_str(), r.cpu, r.threads_per, r.rss,
+                 r.fds_per);
+      if (has_base && r.n == static_cast<int>(target_at) &&
+          (cpu_ratio > 1.05 || rss_ratio > 1.05 || r.lost > 0 || r.with_frames < r.n)) {
+        misses += Fmt("; %s at %d: CPU %.2f, RSS %.2f, lost %lld", ScaleName(kind), r.n, cpu_ratio,
+                      rss_ratio, r.lost);
+      }
     }
-    unlink(result.c_str());
-    TimeProcess(argv, true);
-    std::ifstream f(result);
-    std::string row, line, verdict;
-    if (!std::getline(f, row) || !std::getline(f, line)) row = "| " + n + " | failed |";
-    rows += row + "\n";
-    dat += line.empty() ? "" : line + "\n";
-    if (std::getline(f, verdict) && !verdict.empty()) target = verdict;
   }
-  Report("Scale: concurrent RTSP streams",
-         "N | streams with frames | fps per stream (median / min) | frames lost | host CPU (% of "
-         "a core) | server CPU (%) | RSS per stream (MiB) | threads | fds | open / close all (s)",
-         rows, "64 streams without a frame lost, under 4 MiB each: " + target, dat);
+  g_area = "scale_" + label;
+  Report("Scale: concurrent RTSP streams, " + label,
+         "N | reader | streams with frames | fps per stream (median / min) | frames lost | CPU "
+         "per stream (% of a core) | CPU / baseline | RSS per stream (MiB) | RSS / baseline | "
+         "threads per stream | fds per stream | server CPU (%) | threads / fds in all",
+         rows,
+         Fmt("at %d streams, CPU and RSS per stream of the layer and the node at most 1.05x the "
+             "baseline, no frame lost: ",
+             static_cast<int>(target_at)) +
+             Verdict(misses.empty()) + misses,
+         dat);
 }
 
 // ---- start/stop and churn

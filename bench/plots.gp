@@ -40,25 +40,6 @@ unset logscale x
 unset xlabel
 unset ylabel
 
-set output plots."/scale.png"
-set multiplot layout 1,3 title "Scale: N video input nodes on one replayed 1080p30 H.264 stream"
-set logscale x 2
-set xlabel "streams"
-set key inside bottom left
-set yrange [0:*]
-set ytics autofreq
-set title "frames/s per stream"
-plot dir."/scale.dat" using 1:2 with linespoints title "median", "" using 1:3 with linespoints title "min"
-set title "RSS per stream (MiB)"
-set yrange [0:5<*]
-plot dir."/scale.dat" using 1:7 with linespoints title "RSS / N", 4 with lines dt 2 title "target"
-set title "CPU (% of one core)"
-set yrange [0:*]
-set key inside top left
-plot dir."/scale.dat" using 1:5 with linespoints title "host", "" using 1:6 with linespoints title "server"
-unset multiplot
-unset logscale x
-
 set output plots."/churn.png"
 set multiplot layout 1,3 title "Churn: create/open/first frame/close/destroy cycles"
 set xlabel "cycle"
@@ -70,3 +51,5 @@ plot for [i=0:1] dir."/churn.dat" index i using 1:3 with lines lw 2 title column
 set title "threads"
 plot for [i=0:1] dir."/churn.dat" index i using 1:4 with lines lw 2 title columnheader(1)
 unset multiplot
+
+load "bench/plots_scale.gp"

@@ -7,13 +7,17 @@
 #   make bench            (or scripts/bench.sh)
 #
 # Environment: BUILD (default build/release), RUNS (repetitions, default 5),
-# STREAMS (scale steps, default 1,8,32,64,128), CYCLES (churn, default 1000).
+# STREAMS (1080p30 scale steps, default 16,64,256), STREAMS_360 (360p30 scale
+# steps, default 64,256,1000), CYCLES (churn, default 1000), AREAS (default
+# all: throughput latency startstop scale churn; e.g. AREAS=scale).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 BUILD=${BUILD:-build/release}
 RUNS=${RUNS:-5}
-STREAMS=${STREAMS:-1,8,32,64,128}
+STREAMS=${STREAMS:-16,64,256}
+STREAMS_360=${STREAMS_360:-64,256,1000}
+AREAS=${AREAS:-throughput latency startstop scale churn}
 CYCLES=${CYCLES:-1000}
 MEDIA=$BUILD/bench-media
 OUT=$BUILD/bench-out
@@ -31,7 +35,9 @@ else
   server_kind=qo-rtsp-server
 fi
 mkdir -p "$MEDIA" "$OUT" bench/plots
-rm -f "$OUT"/*
+# A partial run keeps the other areas' last results.
+[ "$AREAS" = "throughput latency startstop scale churn" ] && rm -f "$OUT"/*
+rm -f "$OUT/server.in"
 
 # 10 s encoded once, repeated six times: a minute per codec without a minute
 # of x265 encoding.
@@ -49,36 +55,47 @@ gen() { # file width height pattern encoder-and-parser
 au="stream-format=byte-stream,alignment=au"
 gen h264_1080p30.h264 1920 1080 snow \
   "x264enc speed-preset=ultrafast bitrate=4000 key-int-max=30 ! h264parse ! video/x-h264,$au"
-gen h265_1080p30.h265 1920 1080 snow \
-  "x265enc speed-preset=ultrafast bitrate=4000 key-int-max=30 ! h265parse ! video/x-h265,$au"
-gen mjpeg_720p30.mjpeg 1280 720 smpte "jpegenc quality=85 ! jpegparse ! image/jpeg"
+case " $AREAS " in *" throughput "*)
+  gen h265_1080p30.h265 1920 1080 snow \
+    "x265enc speed-preset=ultrafast bitrate=4000 key-int-max=30 ! h265parse ! video/x-h265,$au"
+  gen mjpeg_720p30.mjpeg 1280 720 smpte "jpegenc quality=85 ! jpegparse ! image/jpeg"
+  ;;
+esac
+gen h264_360p30.h264 640 360 snow \
+  "x264enc speed-preset=ultrafast bitrate=500 key-int-max=30 ! h264parse ! video/x-h264,$au"
 H264=$MEDIA/h264_1080p30.h264
+H264_360=$MEDIA/h264_360p30.h264
 
 # The server reads commands on standard input and quits at its end: give it a
 # pipe that stays open until we are done.
 rm -f "$OUT/server.in"
 mkfifo "$OUT/server.in"
 if [ "$server_kind" = qomm ]; then
-  server_desc="\`qomm serve $H264 --port 0\`"
-  "$BUILD/tools/qomm" serve "$H264" --port 0 <"$OUT/server.in" >"$OUT/server.log" 2>&1 &
+  server_desc="\`qomm serve $H264 $H264_360 --port 0\`"
+  "$BUILD/tools/qomm" serve "$H264" "$H264_360" --port 0 <"$OUT/server.in" >"$OUT/server.log" 2>&1 &
 else
-  server_desc="\`qo-rtsp-server --port 0 --stream bench=h264,fps=30,file=$H264\`"
-  "$BUILD/tools/qo-rtsp-server" --port 0 --stream "bench=h264,fps=30,file=$H264" \
+  server_desc="\`qo-rtsp-server --port 0 --stream h264_1080p30.h264=h264,fps=30,file=$H264 --stream h264_360p30.h264=h264,fps=30,file=$H264_360\`"
+  "$BUILD/tools/qo-rtsp-server" --port 0 --stream "h264_1080p30.h264=h264,fps=30,file=$H264" \
+    --stream "h264_360p30.h264=h264,fps=30,file=$H264_360" \
     <"$OUT/server.in" >"$OUT/server.log" 2>&1 &
 fi
 server_pid=$!
+# 1000 clients hold several thousand descriptors in the server.
+prlimit --pid "$server_pid" --nofile="$(ulimit -Hn):$(ulimit -Hn)" 2>/dev/null || true
 exec 7>"$OUT/server.in"
 trap 'kill -TERM $server_pid 2>/dev/null; wait $server_pid 2>/dev/null; exec 7>&-' EXIT
 url=
 for _ in $(seq 100); do
-  url=$(grep -o 'rtsp://[^ ]*' "$OUT/server.log" | head -n 1) && [ -n "$url" ] && break
+  url=$(grep -o 'rtsp://[^ ]*1080p30[^ ]*' "$OUT/server.log" | head -n 1) && [ -n "$url" ] && break
   sleep 0.1
 done
 [ -n "$url" ] || { echo "bench: the RTSP server did not start:" >&2; cat "$OUT/server.log" >&2; exit 1; }
 
 bench=$BUILD/bench/qo-bench
 declare -A loads
+url_360=${url%/*}/h264_360p30.h264
 run() { # area options...
+  case " $AREAS " in *" $1 "*) ;; *) return 0 ;; esac
   echo "bench: $1" >&2
   loads[$1]=$(load)
   "$bench" "$@" --out "$OUT"
@@ -88,9 +105,19 @@ run throughput --runs $((RUNS * 3)) --h264 "$H264" --h265 "$MEDIA/h265_1080p30.h
 run latency --runs "$RUNS" --url "$url" --seconds 8
 run startstop --runs "$RUNS" --url "$url" --h264 "$H264"
 run scale --streams "$STREAMS" --url "$url" --seconds 10 --server-pid "$server_pid" \
-  --server-name "$server_desc"
+  --label 1080p30 --target-at 64
+run scale --streams "$STREAMS_360" --url "$url_360" --seconds 10 --server-pid "$server_pid" \
+  --label 360p30 --target-at 256
 run churn --cycles "$CYCLES" --url "$url" --h264 "$H264"
 
+if [ "$AREAS" != "throughput latency startstop scale churn" ]; then
+  case " $AREAS " in
+  *" scale "*) gnuplot -e "dir='$OUT'; plots='bench/plots'" bench/plots_scale.gp ;;
+  esac
+  # A partial run prints its tables; bench/results.md stays one whole run.
+  for a in $AREAS; do cat "$OUT/$a"*.md; done
+  exit 0
+fi
 gnuplot -e "dir='$OUT'; plots='bench/plots'" bench/plots.gp
 minutes=$((($(date +%s) - started + 59) / 60))
 {
@@ -110,7 +137,7 @@ minutes=$((($(date +%s) - started + 59) / 60))
     "H.264 and H.265 1080p30 (snow, 4 Mbit/s, key frame every 30, ultrafast), MJPEG 720p30" \
     "(SMPTE bars, quality 85)."
   echo
-  for a in throughput latency startstop scale churn; do
+  for a in throughput latency startstop scale_1080p30 scale_360p30 churn; do
     cat "$OUT/$a.md"
     echo "![$a](plots/$a.png)"
     echo
