@@ -20,10 +20,10 @@ tier_packages() {
       libglib2.0-dev libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev \
       libgstrtspserver-1.0-dev libdlpack-dev pybind11-dev python3-dev python3-numpy \
       gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad \
-      gstreamer1.0-libav ;;
+      gstreamer1.0-libav libsoup-3.0-dev ;;
     test) echo "$(tier_packages build)" \
       libgtest-dev libgmock-dev gstreamer1.0-tools \
-      gstreamer1.0-plugins-ugly iproute2 iptables python3-pytest ;;
+      gstreamer1.0-plugins-ugly iproute2 iptables python3-pytest prometheus curl ;;
     dev) echo "$(tier_packages test)" \
       clang libclang-rt-14-dev libbenchmark-dev ffmpeg gnuplot-nox gstreamer1.0-x ;;
     fresh) echo debootstrap git ;;

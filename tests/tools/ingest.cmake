@@ -1,0 +1,8 @@
+# qomm ingest with --metrics, checked by promtool (skipped without it).
+if(TARGET qomm)
+  add_test(NAME qomm_ingest_metrics_test
+           COMMAND ${CMAKE_CURRENT_LIST_DIR}/ingest/ingest_metrics_test.sh $<TARGET_FILE:qomm>
+                   ${PROJECT_SOURCE_DIR}/data/sample.h264)
+  set_tests_properties(qomm_ingest_metrics_test PROPERTIES
+    LABELS tools TIMEOUT 120 SKIP_RETURN_CODE 77)
+endif()
