@@ -23,32 +23,16 @@ DLDataType Exposed(DLDataType t) {
 }
 
 std::string BufferFormat(DLDataType t) {
-  const bool single = t.lanes == 1;
-  if (single && t.code == kDLUInt) {
-    switch (t.bits) {
-      case 8:
-        return "B";
-      case 16:
-        return "H";
-      case 32:
-        return "I";
-      case 64:
-        return "Q";
-    }
-  }
-  if (single && t.code == kDLInt) {
-    switch (t.bits) {
-      case 16:
-        return "h";
-      case 32:
-        return "i";
-      case 64:
-        return "q";
-    }
-  }
-  if (single && t.code == kDLFloat) {
-    if (t.bits == 32) return "f";
-    if (t.bits == 64) return "d";
+  struct Entry {
+    uint8_t code, bits;
+    const char* format;
+  };
+  static constexpr Entry kFormats[] = {
+      {kDLUInt, 8, "B"},  {kDLUInt, 16, "H"},  {kDLUInt, 32, "I"},
+      {kDLUInt, 64, "Q"}, {kDLInt, 16, "h"},   {kDLInt, 32, "i"},
+      {kDLInt, 64, "q"},  {kDLFloat, 32, "f"}, {kDLFloat, 64, "d"}};
+  for (const Entry& e : kFormats) {
+    if (t.lanes == 1 && t.code == e.code && t.bits == e.bits) return e.format;
   }
   throw py::type_error("frame element type has no buffer format");
 }
