@@ -3,7 +3,7 @@ through qosdkmm.FileInput (unpaced, iterated from Python) against the C++
 FileInput in sync mode (qo-bench throughput --only 4), interleaved runs.
 
     PYTHONPATH=build/release/python python3 python/bench_throughput.py \\
-        --build build/release --h264 FILE --runs 5 --out DIR      (writes DIR/python.md)
+        --build build/release --h264 FILE --runs 5 --out DIR      (writes DIR/throughput_python.md)
 """
 
 import argparse
@@ -60,7 +60,7 @@ def main():
     ratio = c / p
     verdict = "**met**" if ratio >= 0.8 else "**MISSED**"
     command = f"python3 python/bench_throughput.py --h264 {args.h264} --runs {args.runs}"
-    with open(os.path.join(args.out, "python.md"), "w") as f:
+    with open(os.path.join(args.out, "throughput_python.md"), "w") as f:
         f.write("## Python: frames to Python\n\n"
                 "| Reader | median time (ms) | AU/s | rate / C++ sync mode |\n"
                 "| --- | --- | --- | --- |\n"

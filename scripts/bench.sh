@@ -102,6 +102,13 @@ run() { # area options...
 }
 run throughput --runs $((RUNS * 3)) --h264 "$H264" --h265 "$MEDIA/h265_1080p30.h265" \
   --mjpeg "$MEDIA/mjpeg_720p30.mjpeg"
+# Its Python row: qosdkmm.FileInput against the C++ node in sync mode.
+case " $AREAS " in *" throughput "*)
+  if cmake --build "$BUILD" --target _qosdkmm >/dev/null 2>&1; then
+    /usr/bin/python3 python/bench_throughput.py --build "$BUILD" --h264 "$H264" \
+      --runs $((RUNS * 3)) --out "$OUT"
+  fi ;;
+esac
 run latency --runs "$RUNS" --url "$url" --seconds 8
 run startstop --runs "$RUNS" --url "$url" --h264 "$H264"
 run scale --streams "$STREAMS" --url "$url" --seconds 10 --server-pid "$server_pid" \
@@ -141,6 +148,7 @@ minutes=$((($(date +%s) - started + 59) / 60))
     cat "$OUT/$a.md"
     echo "![$a](plots/$a.png)"
     echo
+    if [ "$a" = throughput ] && [ -f "$OUT/throughput_python.md" ]; then cat "$OUT/throughput_python.md"; fi
   done
   cat bench/method.md bench/notes.md
 } >bench/results.md
