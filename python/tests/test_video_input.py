@@ -2,12 +2,14 @@
 type probe, transports, and failures raised with the library's reason."""
 
 import datetime
+import gc
 import os
 import signal
 import subprocess
 import sys
 import time
 
+import numpy as np
 import pytest
 
 import qosdkmm
@@ -30,6 +32,12 @@ def test_live_frames_carry_the_senders_wall_clock(rtsp_server):
         now = datetime.datetime.now(datetime.timezone.utc)
         assert abs((now - stamped[-1].wall_time).total_seconds()) < 2
         assert stamped[-1].wall_time.microsecond == stamped[-1].time_stamp // 1000 % 10**6
+        # Arrays of live frames stay valid after the stream is closed.
+        shared = [np.from_dlpack(f) for f in frames]
+        expected = [a.tobytes() for a in shared]
+        del frames, stamped
+        gc.collect()
+        assert [a.tobytes() for a in shared] == expected
 
 
 def test_failures_raise_stream_timeout_with_the_reason(rtsp_server):
