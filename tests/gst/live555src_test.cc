@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -232,7 +233,38 @@ TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
 // Servers as cameras are: a JPEG stream announced without a=rtpmap plays;
 // refusals that a retry meets again (401, 404, 461) say why and are retried
 // at the longest delay only, and "eos" ends the stream at once meanwhile.
+// Everything the element logs in its own debug category, at every level.
+class DebugLines {
+ public:
+  DebugLines() {
+    gst_debug_set_active(TRUE);
+    gst_debug_set_threshold_for_name("live555src", GST_LEVEL_MEMDUMP);
+    gst_debug_add_log_function(&DebugLines::Log, this, nullptr);
+  }
+  ~DebugLines() {
+    gst_debug_remove_log_function(&DebugLines::Log);
+    gst_debug_set_threshold_for_name("live555src", GST_LEVEL_NONE);
+  }
+  std::string Text() {
+    std::lock_guard<std::mutex> lock(mu_);
+    return text_;
+  }
+
+ private:
+  static void Log(GstDebugCategory* category, GstDebugLevel, const gchar*, const gchar*, gint,
+                  GObject*, GstDebugMessage* message, gpointer self) {
+    if (g_strcmp0(gst_debug_category_get_name(category), "live555src") != 0) return;
+    auto* d = static_cast<DebugLines*>(self);
+    std::lock_guard<std::mutex> lock(d->mu_);
+    d->text_ += gst_debug_message_get(message);
+    d->text_ += '\n';
+  }
+  std::mutex mu_;
+  std::string text_;
+};
+
 TEST_F(Live555SrcTest, TerseDescriptionsPlayAndRefusalsSayWhy) {
+  DebugLines debug;  // no password in any of it
   TestRtspServer server({{"mjpeg=mjpeg,terse-sdp", "udp=h264,udp-only"}, "", ""});
   ASSERT_TRUE(server.Start()) << server.error();
   TestRtspServer locked({{"h264=h264"}, "user", "secret"});
@@ -249,7 +281,7 @@ TEST_F(Live555SrcTest, TerseDescriptionsPlayAndRefusalsSayWhy) {
       {server.Url("udp"), "unsupported-transport", "461"},
       {server.Url("nothing-here"), "not-found", "404"},
       {locked.Url("h264"), "unauthorized", "401"},
-      {locked.UrlWithCredentials("h264", "user", "wrong"), "unauthorized", "401"},
+      {locked.UrlWithCredentials("h264", "user", "wr0ngpw"), "unauthorized", "401"},
   };
   for (const auto& r : refusals) {
     SCOPED_TRACE(r.code + " " + r.location);
@@ -263,9 +295,19 @@ TEST_F(Live555SrcTest, TerseDescriptionsPlayAndRefusalsSayWhy) {
     ASSERT_GE(retry, 0);
     EXPECT_EQ(rx.states[retry].delay_ms, 900u);
     EXPECT_EQ(rx.states[retry].reason_code, r.code);
+    EXPECT_EQ(rx.states[lost].reason.find("wr0ngpw"), std::string::npos);
     ExpectPromptEos(&rx);
     rx.ExpectPromptNull();
   }
+  {  // the right password: streaming, and still nothing of it in the logs
+    Receiver rx("protocols=4 location=" + locked.UrlWithCredentials("h264", "user", "secret"));
+    rx.Set(GST_STATE_PLAYING);
+    ASSERT_TRUE(rx.WaitSamples(5, 10000));
+  }
+  const std::string text = debug.Text();
+  EXPECT_NE(text.find("connection"), std::string::npos) << "no debug lines captured";
+  EXPECT_EQ(text.find("secret"), std::string::npos);
+  EXPECT_EQ(text.find("wr0ngpw"), std::string::npos);
 }
 
 // RTP over UDP that loses packets (run by in_lossy_netns.sh, skipped

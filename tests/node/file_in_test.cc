@@ -273,19 +273,8 @@ TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
 // opened again plays the file of its first start, whatever "file" says by
 // then: its file list is kept, an old behaviour hosts rely on.
 TEST(FileInputApi, NullHandlesSecondOpenAndRestart) {
-  const struct {
-    const char* verb;
-    int severity;
-  } verbs[] = {{"destroy", 3},     {"open", 4},         {"close", 3},
-               {"update.para", 4}, {"set.attr.int", 4}, {"set.attr.string", 4}};
-  for (const auto& v : verbs) {
-    for (int level : {v.severity, v.severity + 1}) {
-      LogCapture logs(level);
-      testhost::Func(std::string(kPrefix) + "." + v.verb)(nullptr, "loop", 1);
-      EXPECT_EQ(logs.Count(": FileInput is NULL !!!\n"), level == v.severity ? 1u : 0u)
-          << v.verb << " at level " << level;
-    }
-  }
+  ExpectNullHandleSeverities(
+      kPrefix, "FileInput", [](const std::string&, const PackedFunc& f) { f(nullptr, "loop", 1); });
 
   const Media first = H264(3), second = H264(4);
   LogCapture logs(1);

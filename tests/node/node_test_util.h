@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "node/qo_video_in_node.h"
@@ -21,6 +22,26 @@ using testutil::ErrorText;
 using testutil::LogCapture;
 using Tasks = std::vector<ReceivedTask>;
 using Shape = std::vector<int64_t>;
+
+// Every global function of `prefix` given a null node logs "<node> is NULL
+// !!!" at its own severity (3 for destroy and close, 4 for the rest) and no
+// higher; call(function) makes the call with arguments of the right kinds.
+template <typename Call>
+void ExpectNullHandleSeverities(const std::string& prefix, const std::string& node, Call call) {
+  const struct {
+    const char* verb;
+    int severity;
+  } verbs[] = {{"destroy", 3},     {"open", 4},         {"close", 3},
+               {"update.para", 4}, {"set.attr.int", 4}, {"set.attr.string", 4}};
+  for (const auto& v : verbs) {
+    for (int level : {v.severity, v.severity + 1}) {
+      LogCapture logs(level);
+      call(std::string(v.verb), testhost::Func(prefix + "." + v.verb));
+      EXPECT_EQ(logs.Count(": " + node + " is NULL !!!\n"), level == v.severity ? 1u : 0u)
+          << v.verb << " at level " << level;
+    }
+  }
+}
 
 inline size_t CountFlag(const Tasks& tasks, int32_t flag) {
   return TaskCollector::Count(tasks, flag);

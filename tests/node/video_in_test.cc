@@ -83,24 +83,15 @@ std::string H264File(int width, int height, int frames) {
 // A null node is logged by every function, at 3 or 4 by function, and
 // otherwise ignored.
 TEST(VideoInputApi, NullHandlesLogAtThreeOrFour) {
-  const struct {
-    const char* verb;
-    int severity;
-  } verbs[] = {{"destroy", 3},     {"open", 4},         {"close", 3},
-               {"update.para", 4}, {"set.attr.int", 4}, {"set.attr.string", 4}};
-  for (const auto& v : verbs) {
-    for (int level : {v.severity, v.severity + 1}) {
-      LogCapture logs(level);
-      const PackedFunc& f = testhost::Func(std::string("qo.mm.video.in.") + v.verb);
-      if (std::string(v.verb) == "set.attr.string") {
-        f(nullptr, "uri", "x");
-      } else {
-        f(nullptr, "width", 1);  // arguments are converted before the null test
-      }
-      EXPECT_EQ(logs.Count(": VideoInput is NULL !!!\n"), level == v.severity ? 1u : 0u)
-          << v.verb << " at level " << level;
-    }
-  }
+  ExpectNullHandleSeverities("qo.mm.video.in", "VideoInput",
+                             [](const std::string& verb, const PackedFunc& f) {
+                               // Arguments are converted before the null test: each of its kind.
+                               if (verb == "set.attr.string") {
+                                 f(nullptr, "uri", "x");
+                               } else {
+                                 f(nullptr, "width", 1);
+                               }
+                             });
 }
 
 TEST(VideoInputFile, PacedAtTheFrameRateThenTheEnd) {

@@ -71,6 +71,20 @@ void IgnoreKeptRecord(const void* record) {
 #endif
 }
 
+// An RTSP stream of `server` (started here), or a freshly encoded file:
+// its URL, and the file's path in *path.
+std::string StartSource(bool rtsp, test::TestRtspServer* server, std::string* path) {
+  if (rtsp) {
+    EXPECT_TRUE(server->Start()) << server->error();
+    return server->Url("h264");
+  }
+  testmedia::StreamParams p;
+  p.frames = 300;
+  *path = testmedia::GenerateStream(p);
+  EXPECT_FALSE(path->empty());
+  return "file://" + *path;
+}
+
 // ---------------------------------------------------------------------------
 // Live-stream layer
 
@@ -89,16 +103,8 @@ const Source kSources[] = {
 class LayerLifecycle : public testing::TestWithParam<Source> {
  protected:
   void SetUp() override {
-    if (GetParam().rtsp) {
-      ASSERT_TRUE(server_.Start()) << server_.error();
-      url_ = server_.Url("h264");
-    } else {
-      testmedia::StreamParams p;
-      p.frames = 300;
-      const std::string path = testmedia::GenerateStream(p);
-      ASSERT_FALSE(path.empty());
-      url_ = "file://" + path;
-    }
+    std::string path;
+    url_ = StartSource(GetParam().rtsp, &server_, &path);
   }
   qo_StrmHandle Open() {
     qo_StrmHandle h = Timed("Open", kAtOnceMs, [&] { return qo_VideoStreamOpen(url_.c_str()); });
@@ -317,16 +323,7 @@ class NodeLifecycle : public testing::TestWithParam<NodeCase> {
  protected:
   void SetUp() override {
     ASSERT_EQ(testhost::LoadSdk(), "");
-    if (GetParam().rtsp) {
-      ASSERT_TRUE(server_.Start()) << server_.error();
-      uri_ = server_.Url("h264");
-    } else {
-      testmedia::StreamParams p;
-      p.frames = 300;
-      path_ = testmedia::GenerateStream(p);
-      ASSERT_FALSE(path_.empty());
-      uri_ = "file://" + path_;
-    }
+    uri_ = StartSource(GetParam().rtsp, &server_, &path_);
   }
   void Configure(HostNode* node) {
     if (std::string(GetParam().prefix) == "qo.mm.file.in") {

@@ -42,60 +42,43 @@ std::string QuoteLocation(const std::string& path) {
   return out;
 }
 
+// What each codec's stream is made of: a live encoder (its key-frame
+// interval follows), or the parser and caps to replay a file with, and the
+// payloader.
+struct CodecPipeline {
+  const char *encoder, *caps, *parser, *payloader;
+};
+
+// Parameter sets once per second, not before every IDR slice: x264's
+// zerolatency tuning cuts pictures into several slices, and parameter sets
+// between two slices of one picture make the depayloader start a new access
+// unit in the middle of the picture.
+const CodecPipeline kPipelines[] = {
+    {"x264enc tune=zerolatency speed-preset=ultrafast key-int-max=%d",
+     "video/x-h264,stream-format=byte-stream", "h264parse",
+     "rtph264pay name=pay0 pt=96 config-interval=1"},
+    {"x265enc tune=zerolatency speed-preset=ultrafast key-int-max=%d",
+     "video/x-h265,stream-format=byte-stream", "h265parse",
+     "rtph265pay name=pay0 pt=96 config-interval=-1"},
+    {"jpegenc quality=80", "image/jpeg", "jpegparse", "rtpjpegpay name=pay0 pt=26"},
+};
+
 std::string LaunchFor(const RtspStreamSpec& s) {
+  const CodecPipeline& p = kPipelines[static_cast<int>(s.codec)];
   char buf[1024];
-  std::string src;
   if (s.file.empty()) {
+    char encoder[256];
+    std::snprintf(encoder, sizeof(encoder), p.encoder, s.key_int);
     std::snprintf(buf, sizeof(buf),
                   "videotestsrc is-live=true pattern=ball ! "
-                  "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! ",
-                  s.width, s.height, s.fps);
-    src = buf;
+                  "video/x-raw,format=I420,width=%d,height=%d,framerate=%d/1 ! %s ! ",
+                  s.width, s.height, s.fps, encoder);
+  } else {
+    std::snprintf(buf, sizeof(buf),
+                  "multifilesrc location=\"%s\" loop=true caps=\"%s,framerate=%d/1\" ! %s ! ",
+                  QuoteLocation(s.file).c_str(), p.caps, s.fps, p.parser);
   }
-  const std::string loc = QuoteLocation(s.file);
-  switch (s.codec) {
-    case RtspCodec::kH264:
-      if (s.file.empty()) {
-        std::snprintf(buf, sizeof(buf),
-                      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=%d ! ",
-                      s.key_int);
-      } else {
-        std::snprintf(buf, sizeof(buf),
-                      "multifilesrc location=\"%s\" loop=true "
-                      "caps=\"video/x-h264,stream-format=byte-stream,framerate=%d/1\" ! "
-                      "h264parse ! ",
-                      loc.c_str(), s.fps);
-      }
-      // Parameter sets once per second, not before every IDR slice: x264's
-      // zerolatency tuning cuts pictures into several slices, and parameter
-      // sets between two slices of one picture make the depayloader start a
-      // new access unit in the middle of the picture.
-      return "( " + src + buf + "rtph264pay name=pay0 pt=96 config-interval=1 )";
-    case RtspCodec::kH265:
-      if (s.file.empty()) {
-        std::snprintf(buf, sizeof(buf),
-                      "x265enc tune=zerolatency speed-preset=ultrafast key-int-max=%d ! ",
-                      s.key_int);
-      } else {
-        std::snprintf(buf, sizeof(buf),
-                      "multifilesrc location=\"%s\" loop=true "
-                      "caps=\"video/x-h265,stream-format=byte-stream,framerate=%d/1\" ! "
-                      "h265parse ! ",
-                      loc.c_str(), s.fps);
-      }
-      return "( " + src + buf + "rtph265pay name=pay0 pt=96 config-interval=-1 )";
-    case RtspCodec::kMjpeg:
-      if (s.file.empty()) {
-        std::snprintf(buf, sizeof(buf), "jpegenc quality=80 ! ");
-      } else {
-        std::snprintf(buf, sizeof(buf),
-                      "multifilesrc location=\"%s\" loop=true "
-                      "caps=\"image/jpeg,framerate=%d/1\" ! jpegparse ! ",
-                      loc.c_str(), s.fps);
-      }
-      return "( " + src + buf + "rtpjpegpay name=pay0 pt=26 )";
-  }
-  return "";
+  return std::string("( ") + buf + p.payloader + " )";
 }
 
 }  // namespace
