@@ -86,6 +86,8 @@ mapfile -t commands < <(awk '/^## Two commands/ {f = 1; next} /^## / {f = 0}
 host_cc=$(awk '/^```c\+\+$/ {f = 1; next} /^```$/ {f = 0} f' README.md)
 host_build=$(awk '/^    g\+\+ .*host\.cc/ {sub(/^    /, ""); sub(/ *#.*$/, ""); print; exit}' README.md)
 if [ -z "$host_cc" ] || [ -z "$host_build" ]; then fail "README has no host example"; fi
+camera_py=$(awk '/^```python$/ {f = 1; next} /^```$/ {f = 0} f' README.md)
+[ -n "$camera_py" ] || fail "README has no Python example"
 
 frames_of() {  # frames_of <root> <run command> [setup]: builds host.cc, runs it, counts frames
   in_root "$1" "cd /root && ${3:-} $host_build -o host && $2 >host.out 2>host.err" >&2 ||
@@ -132,9 +134,16 @@ system_install() {
   local n
   n=$(frames_of "$src_root" "./host") || return 1
   say "the README's host example after make install: $n frames"
+  [ "$n" -gt 0 ] || return 1
+  # The Python example as written, with Debian's python3 and nothing set up.
+  printf '%s\n' "$camera_py" >"$src_root/root/camera.py"
+  in_root "$src_root" "cd /root && python3 camera.py >camera.out 2>camera.err" ||
+    { tail -n 20 "$src_root/root/camera.err" >&2; return 1; }
+  n=$(grep -c '(240, 320, 3)' "$src_root/root/camera.out" || true)
+  say "the README's Python example after make install: $n pictures"
   [ "$n" -gt 0 ]
 }
-phase "make install, the README's host example" system_install
+phase "make install, the README's host and Python examples" system_install
 
 phase "make package" in_root "$src_root" "cd /root/qosdkmm && make package"
 deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name 'qosdkmm_*_amd64.deb' -print -quit)

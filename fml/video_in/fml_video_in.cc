@@ -46,11 +46,12 @@ struct NodeCounters {
   // The reason of the last failed start; guarded by g_counters_lock.
   int start_code = -1;
   std::string start_text;
-  // The layer keeps the record of a stream whose start failed; it stays
-  // reachable here instead of being lost.
-  qo_StrmHandle failed_stream = nullptr;
 };
 std::mutex g_counters_lock;
+// The layer keeps the record of every stream whose start failed, as it
+// always has, also after the node is gone: reachable here, not lost.
+// Guarded by g_counters_lock.
+std::vector<qo_StrmHandle>* g_failed_streams = new std::vector<qo_StrmHandle>();
 std::unordered_map<const VideoInput*, std::shared_ptr<NodeCounters>> g_counters;
 
 std::shared_ptr<NodeCounters> CountersOf(const VideoInput* node) {
@@ -236,9 +237,10 @@ void VideoInput::Start() {
       std::lock_guard<std::mutex> lock(g_counters_lock);
       counters->start_code = code == QO_STREAM_OK ? QO_STREAM_ERROR : code;
       counters->start_text = text[0] != '\0' ? text : "the stream did not start";
-      counters->failed_stream = stream;
+      g_failed_streams->push_back(stream);
     }
-    LOG(5) << "Stream start failed !!!" << (text[0] != '\0' ? ": " : "") << text;
+    // The reason is the host's to read (last.error); the message stays as it is.
+    LOG(5) << "Stream start failed !!!";
     return;
   }
   stream_ = stream;
