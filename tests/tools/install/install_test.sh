@@ -68,8 +68,9 @@ if [ -n "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)" ]; then
   pydir=$(dirname "$(dirname "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)")")
   case ${prefix#"$work/stage"} in
     /usr | /usr/local)
-      env -u PYTHONPATH "$python" -c 'import sys; print("\n".join(sys.path))' |
-        grep -qx "${pydir#"$work/stage"}" ||
+      # Read whole before matching: grep -q leaving early would break python's pipe.
+      search=$(env -u PYTHONPATH "$python" -c 'import sys; print("\n".join(sys.path))')
+      grep -qx "${pydir#"$work/stage"}" <<<"$search" ||
         fail "${pydir#"$work/stage"} is not on $python's default path" ;;
   esac
   awk '/^```python$/ {f = 1; next} /^```$/ {f = 0} f' "$readme" >"$work/readme_camera.py"
