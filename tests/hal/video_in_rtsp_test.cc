@@ -209,47 +209,5 @@ TEST(LiveStreamRtsp, PacketLossNeverStallsTheStream) {
   qo_VideoStreamClose(h);
 }
 
-// A host that pulls in its own thread may stop pulling before it stops the
-// stream: the appsink fills up and holds GStreamer's streaming thread. Stop
-// must still come back after its wait for a puller, and close after it.
-class LiveStreamRtspUnpulled : public testing::TestWithParam<int> {};
-
-TEST_P(LiveStreamRtspUnpulled, StopAndCloseReturnWithAFullQueue) {
-  test::TestRtspServer server;
-  ASSERT_TRUE(server.Start()) << server.error();
-  testutil::LayerCapture cap;
-  const std::string url = server.Url("h264");
-  qo_StrmHandle h = qo_VideoStreamOpen(url.c_str());
-  qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
-  qo_VideoStreamCfg(h, "lower-trans-type", GetParam());
-  ASSERT_EQ(qo_VideoStreamStart(h), 0);
-  for (int i = 0; i < 30; ++i) {
-    qo_StreamInfo info{};
-    qo_VideoStreamGetFrame(h, &info, 5);
-    ASSERT_NE(info.data, nullptr) << "frame " << i;
-    qo_VideoStreamFrameFree(&info);
-  }
-  // 8 queued frames at 30 fps: the queue is full well within a second.
-  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-  int64_t t0 = MonotonicNs();
-  EXPECT_EQ(qo_VideoStreamStop(h), 0);
-  const int64_t stop_ms = (MonotonicNs() - t0) / 1000000;
-  t0 = MonotonicNs();
-  qo_VideoStreamClose(h);
-  const int64_t close_ms = (MonotonicNs() - t0) / 1000000;
-  RecordProperty("stop_ms", std::to_string(stop_ms));
-  RecordProperty("close_ms", std::to_string(close_ms));
-  EXPECT_GE(stop_ms, 4000);  // nobody pulled, so it waited its full time
-  EXPECT_LT(stop_ms, 4500 + kSlackMs);
-  EXPECT_LT(close_ms, 500 + kSlackMs);
-  EXPECT_TRUE(cap.Has("spent time:2000 ms or wait eos\n"));
-}
-
-INSTANTIATE_TEST_SUITE_P(Transports, LiveStreamRtspUnpulled,
-                         testing::Values(RTSP_TRANS_TCP, RTSP_TRANS_UDP),
-                         [](const testing::TestParamInfo<int>& p) {
-                           return std::string(p.param == RTSP_TRANS_TCP ? "Tcp" : "Udp");
-                         });
-
 }  // namespace
 }  // namespace qo
