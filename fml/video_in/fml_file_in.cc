@@ -409,7 +409,10 @@ void FileInput::StreamOut(void* node) {
     // Read before every sleep so that a new frame rate applies at once.
     double framerate = 1.0;
     if (!self->prop_.Get("framerate", framerate)) framerate = 1.0;
-    PaceFrame(framerate);
+    // Stop releases the ports and then waits for the decoder's end of
+    // stream: what is left before it drains unpaced, or Stop would sit out
+    // a frame interval per queued frame.
+    if (!self->pout_[0]->released()) PaceFrame(framerate);
     retries = kTimeoutAllowance;
   }
   LOG(1) << "<<< Exit stream out thread";

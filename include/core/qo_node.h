@@ -34,6 +34,7 @@ class QO_EXPORT POUT {
   // Releases (or holds again) a sender waiting on a full queue: a stopping
   // node must not wait for a consumer that may never come back.
   void SetReleased(bool released) { released_.store(released, std::memory_order_release); }
+  bool released() const { return released_.load(std::memory_order_acquire); }
 
   // Attaches (non-null) or detaches (null) the transmit queue.
   void SetTxQue(TaskQueue* que);
