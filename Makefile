@@ -107,8 +107,10 @@ install: deps
 	cmake --build $(BUILD) -j $(JOBS)
 	cmake --install $(BUILD)
 
-# build/package/qosdkmm_<version>_amd64.deb: prefix /usr, so the plugin module
-# lands in GStreamer's plugin directory; Depends from dpkg-shlibdeps.
+# build/package/qosdkmm_<version>_amd64.deb (runtime) and
+# qosdkmm-dev_<version>_amd64.deb (headers, pkg-config and CMake files):
+# prefix /usr, so the plugin module lands in GStreamer's plugin directory;
+# the runtime's Depends from dpkg-shlibdeps.
 package: deps
 	$(call configure,$(PACKAGE_BUILD)) $(NO_TESTS) -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_ARGS)
 	cmake --build $(PACKAGE_BUILD) -j $(JOBS)

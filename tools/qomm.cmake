@@ -26,10 +26,10 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
   set_target_properties(qomm PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tools
     INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS qomm RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS qomm RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
   install(FILES ${PROJECT_SOURCE_DIR}/data/sample.h264 ${PROJECT_SOURCE_DIR}/data/sample.h265
                 ${PROJECT_SOURCE_DIR}/data/sample.mjpeg
-          DESTINATION ${CMAKE_INSTALL_DATADIR}/qosdkmm/samples)
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/qosdkmm/samples COMPONENT runtime)
 else()
   message(STATUS "gstreamer-rtsp-server-1.0 not found: qomm is not built")
 endif()

@@ -16,7 +16,7 @@ if(GST_RTSP_SERVER_FOUND)
   target_link_libraries(qo-rtsp-server PRIVATE qortspserver)
   set_target_properties(qo-rtsp-server PROPERTIES
     RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tools)
-  install(TARGETS qo-rtsp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS qo-rtsp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 else()
   message(STATUS "gstreamer-rtsp-server-1.0 not found: qo-rtsp-server is not built")
 endif()
