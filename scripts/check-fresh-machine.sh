@@ -2,10 +2,12 @@
 # A new user's Debian 12 machine, twice, from a commit of this tree (the
 # argument; HEAD when none is given):
 #  1. a bare minbase bookworm root: the README's two commands as written, then
-#     make install PREFIX=/opt/qo with a program built against it, make install
-#     with the README's host example, and make package;
-#  2. another bare root: apt-get install of that package, qomm (the demo) and
-#     the README's host example against the installed package.
+#     make install PREFIX=/opt/qo with pkg-config's view of it (--static too)
+#     and a program built against it, make install with the README's host
+#     example, and make package (qosdkmm and qosdkmm-dev);
+#  2. another bare root: apt-get install of the runtime package alone and qomm
+#     (the demo), then of the -dev package too and the README's host example
+#     against them.
 # Needs root. The roots are made fresh every run (build/fresh-machine/);
 # only downloaded .debs are kept between runs (build/fresh-machine/cache/).
 set -euo pipefail
@@ -119,6 +121,11 @@ custom_prefix() {
   if [ -e "$src_root/usr/local/lib/libqosdkmm.so" ]; then
     say "a system install is there to fall back on"; return 1
   fi
+  # Requires.private names GStreamer's modules: their .pc files (the build
+  # tier's) must resolve, also for a static link line.
+  in_root "$src_root" "export PKG_CONFIG_PATH=/opt/qo/lib/pkgconfig
+    pkg-config --cflags --libs qosdkmm >/dev/null && pkg-config --static --libs qosdkmm >/dev/null" ||
+    { say "pkg-config cannot resolve qosdkmm in /opt/qo"; return 1; }
   local n
   n=$(frames_of "$src_root" "./host /opt/qo/share/qosdkmm/samples/sample.h264" \
     "export PKG_CONFIG_PATH=/opt/qo/lib/pkgconfig;") || return 1
@@ -146,30 +153,43 @@ system_install() {
 phase "make install, the README's host and Python examples" system_install
 
 phase "make package" in_root "$src_root" "cd /root/qosdkmm && make package"
-deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name 'qosdkmm_*_amd64.deb' -print -quit)
-[ -n "$deb" ] || fail "make package made no qosdkmm_*_amd64.deb"
-cp "$deb" "$work/"
-deb=$work/$(basename "$deb")
+debs=()
+for name in qosdkmm qosdkmm-dev; do
+  deb=$(find "$src_root/root/qosdkmm/build/package" -maxdepth 1 -name "${name}_*_amd64.deb" -print -quit)
+  [ -n "$deb" ] || fail "make package made no ${name}_*_amd64.deb"
+  rm -f "$work/${name}"_*_amd64.deb
+  cp "$deb" "$work/"
+  debs+=("$(basename "$deb")")
+done
 cleanup
 
 # 2. The package on another bare root.
 deb_root=$work/root-package
 phase "bare root for the package" make_root "$deb_root"
-cp "$deb" "$deb_root/root/"
-phase "apt-get install ./$(basename "$deb")" in_root "$deb_root" \
-  "cd /root && apt-get update -q >/dev/null && DEBIAN_FRONTEND=noninteractive apt-get install -y -q ./$(basename "$deb") >/dev/null"
+for deb in "${debs[@]}"; do cp "$work/$deb" "$deb_root/root/"; done
+runtime_only() {
+  in_root "$deb_root" "cd /root && apt-get update -q >/dev/null &&
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -q ./${debs[0]} >/dev/null" || return 1
+  if [ -e "$deb_root/usr/include/qosdkmm" ] || [ -n "$(find "$deb_root/usr/lib" -name 'qosdkmm.pc')" ]; then
+    say "the runtime package holds development files"; return 1
+  fi
+}
+phase "apt-get install ./${debs[0]}" runtime_only
 deb_count=$(installed_count "$deb_root")
-phase "qomm (the demo) from the package" in_root "$deb_root" "qomm"
+phase "qomm (the demo) from the runtime package" in_root "$deb_root" "qomm"
 printf '%s\n' "$host_cc" >"$deb_root/root/host.cc"
 package_host() {
-  in_root "$deb_root" "DEBIAN_FRONTEND=noninteractive apt-get install -y -q g++ pkg-config >/dev/null" ||
-    return 1
+  in_root "$deb_root" "cd /root && DEBIAN_FRONTEND=noninteractive apt-get install -y -q \
+    ./${debs[0]} ./${debs[1]} g++ >/dev/null" || return 1
+  in_root "$deb_root" "pkg-config --static --libs qosdkmm >/dev/null" ||
+    { say "qosdkmm-dev's Depends leave pkg-config --static short"; return 1; }
   local n
   n=$(frames_of "$deb_root" "./host /usr/share/qosdkmm/samples/sample.h264") || return 1
-  say "the README's host example against the package: $n frames"
+  say "the README's host example against the packages: $n frames"
   [ "$n" -gt 0 ]
 }
-phase "g++ and pkg-config, the README's host example against the package" package_host
+phase "qosdkmm-dev and g++, the README's host example against the packages" package_host
+dev_count=$(installed_count "$deb_root")
 
 cleanup
 remove_root "$src_root"
@@ -177,4 +197,5 @@ remove_root "$deb_root"
 say "passed"
 printf '  %s\n' "${timings[@]}"
 say "installed packages: bare root $bare_count; after '${commands[0]}' $first_count;" \
-  "after '${commands[1]}' $second_count; bare root with the package $deb_count"
+  "after '${commands[1]}' $second_count; bare root with qosdkmm $deb_count;" \
+  "with qosdkmm-dev and g++ too $dev_count"
