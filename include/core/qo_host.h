@@ -2,7 +2,7 @@
 // node by class name or by registered function prefix, set its parameters,
 // attach queues to its ports, take its tasks, and close and destroy it.
 //
-//   qo::LoadNodeLibrary("libqosdkmm.so");      // its nodes register at load
+//   qo::LoadNodeLibrary("libqosdkmm.so.0");    // its nodes register at load
 //   qo::HostNode node("qo.mm.file.in");        // or a class: "qo::FileInput"
 //   node.SetString("file", "clip.h264");
 //   node.AttachQueue(0);                       // a queue of the node's own
