@@ -8,14 +8,15 @@
  * live555_src_teardown_inner() / live555_src_build_inner() while the ghost
  * pad, and with it the downstream link, stays.
  *
- * Reconnection: from READY->PAUSED to PAUSED->READY a watch thread follows
- * the connection (connecting, streaming, lost, retrying). A connection is
- * lost when rtspsrc posts an error, the server ends its stream, or no data
- * arrives for "timeout" ms ("connect-timeout" while connecting). With
- * "reconnect" set the watch thread then rebuilds the inside after a jittered
- * exponential back-off; the errors and the server's end-of-stream are kept
- * from downstream, and every connection starts at a key frame. Each state
- * change is logged and posted as a "live555src-state" element message.
+ * Reconnection: from READY->PAUSED to PAUSED->READY a watch follows the
+ * connection (connecting, streaming, lost, retrying): a timer on a thread
+ * shared by all elements, with its blocking work on GStreamer's thread pool.
+ * A connection is lost when rtspsrc posts an error, the server ends its
+ * stream, or no data arrives for "timeout" ms ("connect-timeout" while
+ * connecting). With "reconnect" set the watch then rebuilds the inside after
+ * a jittered exponential back-off; the errors and the server's end-of-stream
+ * are kept from downstream, and every connection starts at a key frame. Each
+ * state change is logged and posted as a "live555src-state" element message.
  */
 #ifdef HAVE_CONFIG_H
 #include "config.h"
@@ -55,8 +56,8 @@ GST_DEBUG_CATEGORY_STATIC(gst_live555_src_debug);
 #define TCP_TIMEOUT_US (G_GUINT64_CONSTANT(5) * G_USEC_PER_SEC)
 /* Upper bound for the TEARDOWN exchange when stopping. */
 #define TEARDOWN_TIMEOUT_NS (100 * GST_MSECOND)
-/* How often the watch thread looks again while it cannot act yet (a push
- * still inside downstream, the state lock taken by a state change). */
+/* How often the watch looks again while it cannot act yet (a push still
+ * inside downstream, the state lock taken by a state change). */
 #define WATCH_RECHECK_US (10 * G_TIME_SPAN_MILLISECOND)
 
 #define STATE_MESSAGE_NAME "live555src-state"
@@ -75,7 +76,7 @@ enum {
   PROP_RECOVER_AT_KEY,
 };
 
-/* The connection as the watch thread follows it. */
+/* The connection as the watch follows it. */
 typedef enum {
   CONN_IDLE,       /* not started (below PAUSED) */
   CONN_CONNECTING, /* inside built, no data yet */
@@ -137,21 +138,24 @@ struct _GstLive555Src {
   Live555Codec codec;          /* of the current depayloader */
   GByteArray* pending_headers; /* parameter sets seen while waiting for it */
 
-  /* Connection state, followed by the watch thread (all under lock). */
-  GCond watch_cond;
-  GThread* watch_thread;
+  /* Connection state, followed by the watch (all under lock). */
+  GCond watch_cond;            /* a timer callback or an action ended */
+  GMainContext* watch_context; /* the shared watch thread's, while running */
+  GSource* watch_source;       /* this element's timer on it */
   gboolean watch_quit;
-  gboolean watch_playing;  /* timers run only in PLAYING */
+  gboolean watch_playing;     /* timers run only in PLAYING */
+  gboolean watch_dispatching; /* the timer callback runs right now */
+  gboolean watch_busy;        /* an action runs on GStreamer's thread pool */
   Live555ConnState conn;   /* also read atomically by the data path */
   guint attempt;           /* reconnection attempts since the last data */
   gint64 attempt_start;    /* monotonic us: current attempt began */
   gint64 last_data;        /* monotonic us: data from the server last seen */
   gint64 retry_at;         /* monotonic us: next attempt */
-  GQueue pending_messages; /* GstStructure*, posted by the watch thread */
+  GQueue pending_messages; /* GstStructure*, posted by the timer callback */
   Live555Reason reason;    /* of the last loss */
   gchar* reason_text;
   GCancellable* lookup; /* host look-up that explains a failed connect */
-  GRand* rand;          /* back-off jitter; watch thread only */
+  GRand* rand;          /* back-off jitter; actions only (one at a time) */
 
   gint inflight; /* atomic: buffers being pushed downstream right now */
 
@@ -180,10 +184,77 @@ G_DEFINE_TYPE_WITH_CODE(GstLive555Src, gst_live555_src, GST_TYPE_BIN,
 GST_ELEMENT_REGISTER_DEFINE(live555src, "live555src", GST_RANK_NONE, GST_TYPE_LIVE555_SRC);
 
 /* ------------------------------------------------------------------------ */
+/* Shared watch thread                                                      */
+
+/* The timers of every running element (data time-outs, retry delays,
+ * rechecks) are sources on one main context, run by one thread named
+ * "live555src" that exists while any element is in PAUSED or PLAYING and is
+ * joined when the last one leaves. Nothing blocks there: pushing
+ * end-of-stream and tearing down or building the inside go to GStreamer's
+ * shared pool (gst_element_call_async). */
+typedef struct {
+  GMainContext* context;
+  gint quit; /* atomic */
+} Live555WatchLoop;
+
+static GMutex watch_users_lock;
+static guint watch_users;           /* elements between READY->PAUSED and PAUSED->READY */
+static Live555WatchLoop* watch_loop; /* owned by watch_thread */
+static GThread* watch_thread;
+
+static gpointer live555_watch_run(gpointer data) {
+  Live555WatchLoop* loop = data;
+  while (!g_atomic_int_get(&loop->quit)) g_main_context_iteration(loop->context, TRUE);
+  g_main_context_unref(loop->context);
+  g_free(loop);
+  return NULL;
+}
+
+/* Returns a reference to the shared context, starting its thread for the
+ * first user. */
+static GMainContext* live555_watch_acquire(void) {
+  GMainContext* context;
+  g_mutex_lock(&watch_users_lock);
+  if (watch_users++ == 0) {
+    watch_loop = g_new0(Live555WatchLoop, 1);
+    watch_loop->context = g_main_context_new();
+    watch_thread = g_thread_new("live555src", live555_watch_run, watch_loop);
+  }
+  context = g_main_context_ref(watch_loop->context);
+  g_mutex_unlock(&watch_users_lock);
+  return context;
+}
+
+/* Drops the reference; the last user ends and joins the thread (or, when
+ * called on that thread itself, lets it end on its own). */
+static void live555_watch_release(GMainContext* context) {
+  g_mutex_lock(&watch_users_lock);
+  if (--watch_users == 0) {
+    g_atomic_int_set(&watch_loop->quit, 1);
+    g_main_context_wakeup(context);
+    if (g_main_context_is_owner(context))
+      g_thread_unref(watch_thread);
+    else
+      g_thread_join(watch_thread);
+    watch_thread = NULL;
+    watch_loop = NULL;
+  }
+  g_mutex_unlock(&watch_users_lock);
+  g_main_context_unref(context);
+}
+
+/* Runs the element's timer callback at `when` (monotonic us; 0: now, -1:
+ * not until asked again). Call with lock. */
+static void live555_src_watch_at_locked(GstLive555Src* self, gint64 when) {
+  if (self->watch_source) g_source_set_ready_time(self->watch_source, when);
+}
+
+/* ------------------------------------------------------------------------ */
 /* Connection state                                                         */
 
-/* Records a state change: logged now, posted by the watch thread (in order,
- * and never from a thread that holds locks of its own). Call with lock. */
+/* Records a state change: logged now, posted by the timer callback (in
+ * order, and never from a thread that holds locks of its own). Call with
+ * lock. */
 static void live555_src_set_conn_locked(GstLive555Src* self, Live555ConnState conn,
                                         guint delay_ms) {
   GstStructure* s;
@@ -207,7 +278,7 @@ static void live555_src_set_conn_locked(GstLive555Src* self, Live555ConnState co
                     reason ? ": " : "", reason ? reason : "");
   }
   g_queue_push_tail(&self->pending_messages, s);
-  g_cond_broadcast(&self->watch_cond);
+  live555_src_watch_at_locked(self, 0);
 }
 
 /* The connection counts as lost (once per connection). Call with lock. */
@@ -651,7 +722,7 @@ static void live555_src_teardown_inner(GstLive555Src* self) {
 }
 
 /* ------------------------------------------------------------------------ */
-/* Watch thread                                                             */
+/* Watch                                                                    */
 
 /* Back-off before reconnection attempt n (1, 2, ...): doubles from the
  * minimum up to the maximum, each drawn from the upper half of its step so
@@ -729,18 +800,14 @@ static Live555WatchAction live555_src_watch_next(GstLive555Src* self, gint64* de
   return WATCH_WAIT;
 }
 
-/* Runs the action with the element's state lock held, so that it never
- * overlaps a state change. Returns FALSE when the lock was busy; the caller
- * looks again shortly. Call with lock; it is released meanwhile. */
-static gboolean live555_src_watch_act(GstLive555Src* self, Live555WatchAction action) {
+/* Runs a blocking action with the element's state lock held, so that it
+ * never overlaps a state change. Returns FALSE when that lock was busy; the
+ * watch looks again shortly. Runs on GStreamer's shared thread pool. */
+static gboolean live555_src_act(GstLive555Src* self, Live555WatchAction action) {
   gboolean built;
   GstElement* rtspsrc;
 
-  g_mutex_unlock(&self->lock);
-  if (!GST_STATE_TRYLOCK(self)) {
-    g_mutex_lock(&self->lock);
-    return FALSE;
-  }
+  if (!GST_STATE_TRYLOCK(self)) return FALSE;
   g_mutex_lock(&self->lock);
   /* Re-check under the state lock: a state change may have come first. */
   if (self->watch_quit || !self->watch_playing ||
@@ -748,7 +815,6 @@ static gboolean live555_src_watch_act(GstLive555Src* self, Live555WatchAction ac
       (action == WATCH_BUILD && self->conn != CONN_RETRYING)) {
     g_mutex_unlock(&self->lock);
     GST_STATE_UNLOCK(self);
-    g_mutex_lock(&self->lock);
     return TRUE;
   }
   g_mutex_unlock(&self->lock);
@@ -779,81 +845,130 @@ static gboolean live555_src_watch_act(GstLive555Src* self, Live555WatchAction ac
     g_mutex_unlock(&self->lock);
   }
   GST_STATE_UNLOCK(self);
-  g_mutex_lock(&self->lock);
   return TRUE;
 }
 
-static gpointer live555_src_watch(gpointer data) {
-  GstLive555Src* self = GST_LIVE555_SRC(data);
-  GstStructure* s;
+/* One action of one element at a time, on GStreamer's shared pool
+ * (gst_element_call_async holds a reference to the element meanwhile). */
+static void live555_src_watch_action(GstElement* element, gpointer data) {
+  GstLive555Src* self = GST_LIVE555_SRC(element);
+  Live555WatchAction action = (Live555WatchAction)GPOINTER_TO_INT(data);
+  gboolean done = TRUE, quit;
 
-  g_mutex_lock(&self->lock);
-  for (;;) {
-    Live555WatchAction action;
-    gint64 deadline;
-
-    /* Messages go out without our lock: bus handlers may call back in. */
-    while ((s = g_queue_pop_head(&self->pending_messages))) {
-      g_mutex_unlock(&self->lock);
-      gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));
-      g_mutex_lock(&self->lock);
-    }
-    if (self->watch_quit) break;
-
-    action = live555_src_watch_next(self, &deadline);
-    if (action == WATCH_EOS) {
-      /* May wait until downstream takes a buffer or flushes; the element's
-       * own state changes never wait for this thread before the sinks have
-       * flushed (PAUSED->READY runs downstream first). */
-      g_mutex_unlock(&self->lock);
-      live555_src_push_eos(self);
-      g_mutex_lock(&self->lock);
-      continue;
-    }
-    if (action != WATCH_WAIT) {
-      if (live555_src_watch_act(self, action)) continue;
-      deadline = g_get_monotonic_time() + WATCH_RECHECK_US;
-    }
-    if (!g_queue_is_empty(&self->pending_messages)) continue;
-    if (deadline < 0) {
-      g_cond_wait(&self->watch_cond, &self->lock);
-    } else if (deadline > g_get_monotonic_time()) {
-      g_cond_wait_until(&self->watch_cond, &self->lock, deadline);
-    }
+  if (action == WATCH_EOS) {
+    g_mutex_lock(&self->lock);
+    quit = self->watch_quit;
+    g_mutex_unlock(&self->lock);
+    /* May wait until downstream takes a buffer or flushes; the element's
+     * own state changes never wait for this before the sinks have flushed
+     * (PAUSED->READY runs downstream first). */
+    if (!quit) live555_src_push_eos(self);
+  } else {
+    done = live555_src_act(self, action);
   }
+  g_mutex_lock(&self->lock);
+  self->watch_busy = FALSE;
+  live555_src_watch_at_locked(self, done ? 0 : g_get_monotonic_time() + WATCH_RECHECK_US);
+  g_cond_broadcast(&self->watch_cond);
   g_mutex_unlock(&self->lock);
-  return NULL;
 }
 
+/* The watch's timer on the shared thread: posts the queued state messages,
+ * decides what the connection needs and sets itself for the next look.
+ * Never blocks: what may block goes to live555_src_watch_action. */
+static gboolean live555_src_watch_tick(gpointer data) {
+  GstLive555Src* self = GST_LIVE555_SRC(data);
+  Live555WatchAction action = WATCH_WAIT;
+  GstStructure* s;
+  gint64 deadline = -1;
+
+  g_mutex_lock(&self->lock);
+  self->watch_dispatching = TRUE;
+  /* Messages go out without our lock: bus handlers may call back in. */
+  while (!self->watch_quit && (s = g_queue_pop_head(&self->pending_messages))) {
+    g_mutex_unlock(&self->lock);
+    gst_element_post_message(GST_ELEMENT(self), gst_message_new_element(GST_OBJECT(self), s));
+    g_mutex_lock(&self->lock);
+  }
+  /* While an action runs it decides; it sets the timer when it ends. */
+  if (!self->watch_quit && !self->watch_busy) {
+    action = live555_src_watch_next(self, &deadline);
+    if (action != WATCH_WAIT) {
+      self->watch_busy = TRUE;
+      deadline = -1;
+    }
+  }
+  live555_src_watch_at_locked(self, deadline);
+  self->watch_dispatching = FALSE;
+  g_cond_broadcast(&self->watch_cond);
+  g_mutex_unlock(&self->lock);
+  if (action != WATCH_WAIT)
+    gst_element_call_async(GST_ELEMENT(self), live555_src_watch_action, GINT_TO_POINTER(action),
+                           NULL);
+  return G_SOURCE_CONTINUE;
+}
+
+static gboolean live555_src_watch_source_dispatch(GSource* source, GSourceFunc callback,
+                                                  gpointer data) {
+  (void)source;
+  return callback(data);
+}
+
+/* A source that only fires at its ready time. */
+static GSourceFuncs live555_src_watch_source_funcs = {
+    NULL, NULL, live555_src_watch_source_dispatch, NULL, NULL, NULL};
+
 static void live555_src_watch_start(GstLive555Src* self) {
+  GMainContext* context = live555_watch_acquire();
+  GSource* source = g_source_new(&live555_src_watch_source_funcs, sizeof(GSource));
+
+  /* The timer holds the element: a callback may still run while the
+   * element is being stopped, never after it is gone. */
+  g_source_set_callback(source, live555_src_watch_tick, gst_object_ref(self),
+                        (GDestroyNotify)gst_object_unref);
+  g_cancellable_reset(self->lookup);
   g_mutex_lock(&self->lock);
   self->watch_quit = FALSE;
   self->watch_playing = FALSE;
+  self->watch_context = context;
+  self->watch_source = source;
   self->attempt = 0;
   self->attempt_start = self->last_data = g_get_monotonic_time();
   live555_src_set_conn_locked(self, CONN_CONNECTING, 0);
+  /* Under the lock: a kick from another thread never meets a source that
+   * is half attached. */
+  g_source_attach(source, context);
   g_mutex_unlock(&self->lock);
-  g_cancellable_reset(self->lookup);
-  self->watch_thread = g_thread_new("live555src", live555_src_watch, self);
 }
 
-/* Ends and joins the watch thread; state messages not yet posted go with
- * it (the element is leaving the running states). */
+/* Cancels the timer and waits for a callback or an action of this element
+ * that is still running; state messages not yet posted go (the element is
+ * leaving the running states). */
 static void live555_src_watch_stop(GstLive555Src* self) {
   GstStructure* s;
+  GSource* source;
+  GMainContext* context;
+
   g_cancellable_cancel(self->lookup);
   g_mutex_lock(&self->lock);
   self->watch_quit = TRUE;
-  g_cond_broadcast(&self->watch_cond);
-  g_mutex_unlock(&self->lock);
-  if (self->watch_thread) {
-    g_thread_join(self->watch_thread);
-    self->watch_thread = NULL;
-  }
-  g_mutex_lock(&self->lock);
+  source = self->watch_source;
+  context = self->watch_context;
+  self->watch_source = NULL;
+  self->watch_context = NULL;
+  /* A bus handler on the watch thread that stops the element cannot wait
+   * for the callback it is called from. */
+  while (self->watch_busy ||
+         (self->watch_dispatching && !(context && g_main_context_is_owner(context))))
+    g_cond_wait(&self->watch_cond, &self->lock);
   while ((s = g_queue_pop_head(&self->pending_messages))) gst_structure_free(s);
   g_atomic_int_set((gint*)&self->conn, CONN_IDLE);
   g_mutex_unlock(&self->lock);
+  if (source) {
+    g_source_destroy(source);
+    g_source_unref(source);
+  }
+  if (context) live555_watch_release(context);
 }
 
 static void live555_src_watch_set_playing(GstLive555Src* self, gboolean playing) {
@@ -865,7 +980,7 @@ static void live555_src_watch_set_playing(GstLive555Src* self, gboolean playing)
     if (self->conn == CONN_CONNECTING) self->attempt_start = now;
     self->last_data = now;
   }
-  g_cond_broadcast(&self->watch_cond);
+  live555_src_watch_at_locked(self, 0);
   g_mutex_unlock(&self->lock);
 }
 
@@ -1070,13 +1185,13 @@ static void gst_live555_src_set_property(GObject* object, guint prop_id, const G
       break;
     case PROP_EOS:
       if (g_value_get_boolean(value)) {
-        /* The event goes out from the watch thread (or with the switch to
-         * PLAYING): a serialized event waits for the streaming thread, and
-         * that may wait in a full downstream queue that the caller itself
-         * would have to empty. */
+        /* The event goes out from GStreamer's thread pool (or with the
+         * switch to PLAYING): a serialized event waits for the streaming
+         * thread, and that may wait in a full downstream queue that the
+         * caller itself would have to empty. */
         g_atomic_int_set(&self->eos_requested, 1);
         g_mutex_lock(&self->lock);
-        g_cond_broadcast(&self->watch_cond);
+        live555_src_watch_at_locked(self, 0);
         g_mutex_unlock(&self->lock);
       } else if (GST_STATE(self) < GST_STATE_PAUSED) {
         /* Only a request that has not gone out yet can be taken back. */
@@ -1105,7 +1220,7 @@ static void gst_live555_src_set_property(GObject* object, guint prop_id, const G
       else
         self->retry_delay_max_ms = g_value_get_uint(value);
       /* New limits apply to the running timers at once. */
-      g_cond_broadcast(&self->watch_cond);
+      live555_src_watch_at_locked(self, 0);
       g_mutex_unlock(&self->lock);
       break;
     default:
@@ -1226,8 +1341,8 @@ static void gst_live555_src_class_init(GstLive555SrcClass* klass) {
   /**
    * GstLive555Src:eos:
    *
-   * Writing TRUE ends the stream: end-of-stream goes downstream from the
-   * element's own thread (also when no server stream is set up yet, or while
+   * Writing TRUE ends the stream: end-of-stream goes downstream from
+   * GStreamer's thread pool (also when no server stream is set up yet, or while
    * reconnecting) and nothing follows it; reconnection stops. Setting it
    * never blocks, also while downstream is full. Reset when the element goes
    * back to READY.

@@ -31,6 +31,21 @@ const char kH264[] = "h264parse ! video/x-h264,stream-format=byte-stream,alignme
 
 int64_t NowMs() { return g_get_monotonic_time() / 1000; }
 
+// Threads of this process whose kernel name is `name`.
+int ThreadsNamed(const std::string& name) {
+  int n = 0;
+  GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+  for (const gchar* tid; dir && (tid = g_dir_read_name(dir));) {
+    gchar* comm = nullptr;
+    const std::string path = std::string("/proc/self/task/") + tid + "/comm";
+    if (g_file_get_contents(path.c_str(), &comm, nullptr, nullptr))
+      n += g_strchomp(comm) == name;
+    g_free(comm);
+  }
+  if (dir) g_dir_close(dir);
+  return n;
+}
+
 struct Sample {
   std::string caps;
   bool delta = false, other_ts = false;
@@ -176,6 +191,7 @@ class Live555SrcTest : public ::testing::Test {
 // asynchronous state change, over the transport asked for; the sender's
 // wall-clock time comes with the first RTCP report and stays on every later
 // frame; a receiver that joins the running stream starts at a key frame.
+// Running elements share one watch thread, which ends with the last of them.
 TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
   TestRtspServer server;
   ASSERT_TRUE(server.Start()) << server.error();
@@ -198,6 +214,7 @@ TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
       late.Set(GST_STATE_PLAYING);
       ASSERT_TRUE(late.WaitSamples(3, 10000));
       EXPECT_FALSE(late.samples.front().delta) << "joined on a delta unit";
+      EXPECT_EQ(ThreadsNamed("live555src"), 1);
 
       const Sample* first = nullptr;
       size_t judged = 0, close = 0;
@@ -228,6 +245,7 @@ TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
       EXPECT_EQ(sized > 0, protocols == 1) << "max-bytes not on the RTP socket";
     }
   }
+  EXPECT_EQ(ThreadsNamed("live555src"), 0);
 }
 
 // Servers as cameras are: a JPEG stream announced without a=rtpmap plays;
