@@ -4,16 +4,13 @@ if(GST_RTSP_SERVER_FOUND)  # qortspserver comes from rtsp_server.cmake
   set(_qomm_dir ${CMAKE_CURRENT_LIST_DIR}/qomm)
   add_executable(qomm
     ${_qomm_dir}/main.cc
-    ${_qomm_dir}/arg_reader.cc
     ${_qomm_dir}/demo_command.cc
     ${_qomm_dir}/ingest_command.cc
     ${_qomm_dir}/library_output.cc
     ${_qomm_dir}/media_type.cc
-    ${_qomm_dir}/play_report.cc
-    ${_qomm_dir}/play_session.cc
+    ${_qomm_dir}/play_command.cc
     ${_qomm_dir}/probe_command.cc
-    ${_qomm_dir}/serve_command.cc
-    ${_qomm_dir}/snapshot.cc)
+    ${_qomm_dir}/serve_command.cc)
   pkg_check_modules(QOMM_GST_APP REQUIRED IMPORTED_TARGET gstreamer-app-1.0 gstreamer-base-1.0)
   # ingest's --metrics HTTP server
   pkg_check_modules(QOMM_SOUP REQUIRED IMPORTED_TARGET libsoup-3.0)

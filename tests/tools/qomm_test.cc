@@ -96,6 +96,7 @@ TEST(Qomm, CommandLine) {
        std::vector<std::vector<std::string>>{{"bogus"},
                                              {"play"},
                                              {"play", kData + "sample.h264", "--frames", "x"},
+                                             {"play", kData + "sample.h264", "--frames=0"},
                                              {"serve", "a.h264", "--port", "70000"}}) {
     auto r = Qomm(args);
     EXPECT_EQ(r.status, 2) << args[0];

@@ -17,8 +17,8 @@ namespace {
 constexpr char kSample[] = "sample.h264";
 constexpr int kSampleFps = 30;
 // Three seconds of the looped replay, with room for a slow start.
-constexpr long kRtspFrames = 90;
-constexpr double kRtspLimitS = 12;
+constexpr char kRtspFrames[] = "90";
+constexpr char kRtspLimitS[] = "12";
 
 // Where the bundled samples are looked for, in order.
 std::vector<std::string> SampleDirs() {
@@ -51,6 +51,7 @@ const char kDemoUsage[] =
     "  play SOURCE     play a camera, stream or file and report what arrives\n"
     "  probe URI       print the stream type of a source\n"
     "  serve FILE...   serve elementary-stream files over RTSP on 127.0.0.1\n"
+    "  ingest FILE     run every camera URL listed in FILE, with their counters\n"
     "  list            list what the media-input library registers\n"
     "Run qomm COMMAND --help for the options of a command.\n"
     "\n"
@@ -58,35 +59,26 @@ const char kDemoUsage[] =
     "  -v           more library messages (repeat for more: -vv, -vvv)\n"
     "  -q           quiet: no library messages and no progress display\n";
 
-int RunDemo(ArgReader& args) {
-  if (!args.done()) throw UsageError("unknown command or option " + args.Next());
+int RunDemo(Args& args) {
+  if (!args.words.empty()) throw UsageError("unknown command or option " + args.words[0]);
   std::string sample = FindSample(kSample);
   if (sample.empty()) {
     std::string dirs;
     for (const std::string& dir : SampleDirs()) dirs += " " + dir;
     return Fail("the bundled " + std::string(kSample) + " is missing (looked in" + dirs + ")");
   }
-  PlayOptions file;
-  file.source = sample;
-  file.framerate = kSampleFps;
-  file.title = "1. file input node: " + sample;
   printf("Playing the bundled sample through the file input node...\n");
   fflush(stdout);
-  int status = PlaySession(file).Run();
+  int status = Play({{sample}, {{"--framerate", std::to_string(kSampleFps)}}},
+                    "1. file input node: " + sample);
   if (status != 0 || StopRequested()) return status;
 
-  std::string error;
-  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles({sample}, 0, kSampleFps, &error);
-  if (!server) return Fail(error);
-  PlayOptions rtsp;
-  rtsp.source = server->Url(server->streams()[0].mount);
-  rtsp.frames = kRtspFrames;
-  rtsp.duration = kRtspLimitS;
-  rtsp.title = "2. video input node: " + rtsp.source;
-  printf("\nServing it at %s and playing that through the video input node...\n",
-         rtsp.source.c_str());
+  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles({sample}, 0, kSampleFps);
+  const std::string url = server->Url(server->streams()[0].mount);
+  printf("\nServing it at %s and playing that through the video input node...\n", url.c_str());
   fflush(stdout);
-  status = PlaySession(rtsp).Run();
+  status = Play({{url}, {{"--frames", kRtspFrames}, {"--duration", kRtspLimitS}}},
+                "2. video input node: " + url);
   server->Stop();
   if (status == 0) printf("\nNext: qomm play --help, qomm serve --help, qomm probe --help\n");
   return status;

@@ -4,28 +4,24 @@
 #include <libsoup/soup.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "core/qo_task_queue.h"
 #include "node/qo_video_in_node.h"
 #include "qomm.h"
 
 namespace qomm {
 
-extern const char kIngestUsage[];
 const char kIngestUsage[] =
     "usage: qomm ingest FILE [--metrics HOST:PORT] [--seconds N] [--tcp]\n"
     "\n"
@@ -39,22 +35,11 @@ const char kIngestUsage[] =
     "  --tcp                RTP over the RTSP connection instead of UDP\n"
     "Exit status: 0, or 1 when a stream could not be opened.\n";
 
-// The soft descriptor limit up to the hard one: a stream holds about 14
-// descriptors, and Debian's default soft limit of 1024 stops at about 70
-// cameras. qomm uses poll(), never select(), so a high limit is safe.
-void RaiseDescriptorLimit() {
-  rlimit files;
-  if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= files.rlim_max) return;
-  files.rlim_cur = files.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &files);
-}
-
 namespace {
 
 struct Camera {
-  std::string url, shown;  // shown: the password masked
+  std::string shown;  // the URL with its password masked
   std::unique_ptr<qo::HostNode> node;
-  bool opened = false;
   std::string open_error;
   uint64_t frames_before = 0;  // for the table's frame rate
 };
@@ -67,9 +52,10 @@ struct Reading {
 
 Reading Read(const Camera& c) {
   Reading r;
-  static_cast<const qo::mm::VideoInput*>(c.node->handle())->Stats(&r.s, &r.timeout_tasks);
-  if (!c.open_error.empty() && r.s.reason_text[0] == '\0')
+  static_cast<const qo::mm::VideoInput*>(c.node->thread())->Stats(&r.s, &r.timeout_tasks);
+  if (r.s.reason_text[0] == '\0') {
     snprintf(r.s.reason_text, sizeof(r.s.reason_text), "%s", c.open_error.c_str());
+  }
   return r;
 }
 
@@ -93,209 +79,133 @@ std::string Label(const std::string& v) {
   std::string out;
   for (char c : v) {
     if (c == '\\' || c == '"') out += '\\';
-    if (c == '\n') {
-      out += "\\n";
-      continue;
-    }
-    out += c;
+    out += c == '\n' ? std::string("\\n") : std::string(1, c);
   }
   return out;
 }
 
-std::string Seconds(int64_t ns) {
-  if (ns == -1) return "NaN";
+// An age in ns (-1: not known) in the unit given, as text.
+std::string Age(int64_t ns, double unit, const char* format, const char* unknown) {
+  if (ns == -1) return unknown;
   char buf[32];
-  snprintf(buf, sizeof(buf), "%.6f", static_cast<double>(ns) / 1e9);
+  snprintf(buf, sizeof(buf), format, static_cast<double>(ns) / unit);
   return buf;
 }
 
-// The counters of every stream in Prometheus' text exposition format.
-std::string Exposition(const std::vector<Camera>& cams) {
-  std::vector<Reading> rs;
-  rs.reserve(cams.size());
-  for (const Camera& c : cams) rs.push_back(Read(c));
-  struct Family {
-    const char *name, *type, *help;
-    std::string (*value)(const Reading&);
-  };
-  static const Family kFamilies[] = {
-      {"qomm_stream_frames_total", "counter", "Frames the stream delivered.",
-       [](const Reading& r) { return std::to_string(r.s.frames); }},
-      {"qomm_stream_bytes_total", "counter", "Payload bytes of those frames.",
-       [](const Reading& r) { return std::to_string(r.s.bytes); }},
-      {"qomm_stream_timeouts_total", "counter", "Frame pulls that waited out their time-out.",
-       [](const Reading& r) { return std::to_string(r.s.timeouts); }},
-      {"qomm_stream_timeout_tasks_total", "counter",
-       "Time-out tasks the node sent after its retry budget ran out.",
-       [](const Reading& r) { return std::to_string(r.timeout_tasks); }},
-      {"qomm_stream_reconnects_total", "counter", "Reconnection attempts of the RTSP source.",
-       [](const Reading& r) { return std::to_string(r.s.reconnects); }},
-      {"qomm_stream_last_frame_age_seconds", "gauge",
-       "Age of the last frame against the sender's clock (NaN: not known).",
-       [](const Reading& r) { return Seconds(r.s.last_age_ns); }},
-      {"qomm_stream_median_frame_age_seconds", "gauge",
-       "Median age of the last 32 frames against the sender's clock (NaN: not known).",
-       [](const Reading& r) { return Seconds(r.s.median_age_ns); }},
-      {"qomm_stream_reason_code", "gauge",
-       "Why the stream delivers no frames: 0 nothing wrong, else a qo_StreamError.",
-       [](const Reading& r) { return std::to_string(r.s.reason); }},
-  };
-  std::string out;
-  for (const Family& f : kFamilies) {
-    out +=
-        std::string("# HELP ") + f.name + " " + f.help + "\n# TYPE " + f.name + " " + f.type + "\n";
-    for (size_t i = 0; i < cams.size(); ++i) {
-      out += std::string(f.name) + "{stream=\"" + std::to_string(i) + "\",url=\"" +
-             Label(cams[i].shown) + "\"} " + f.value(rs[i]) + "\n";
-    }
-  }
-  out +=
-      "# HELP qomm_stream_reason The last failure's text, as a label (1 while there is one).\n"
-      "# TYPE qomm_stream_reason gauge\n";
-  for (size_t i = 0; i < cams.size(); ++i) {
-    if (rs[i].s.reason_text[0] == '\0') continue;
-    out += "qomm_stream_reason{stream=\"" + std::to_string(i) + "\",reason=\"" +
-           Label(MaskPasswords(rs[i].s.reason_text)) + "\"} 1\n";
-  }
-  return out;
-}
-
-// /metrics on HOST:PORT, served by libsoup on a thread of its own with its
-// own main context.
-class MetricsServer {
- public:
-  MetricsServer(const std::string& where, const std::vector<Camera>* cams) : cams_(cams) {
-    const size_t colon = where.rfind(':');
-    if (colon == std::string::npos) throw UsageError("--metrics needs HOST:PORT");
-    std::string host = where.substr(0, colon);
-    if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-      host = host.substr(1, host.size() - 2);
-    port_ = std::atoi(where.c_str() + colon + 1);
-    if (port_ <= 0 || port_ > 65535) throw UsageError("--metrics: bad port in " + where);
-    addr_ = g_inet_socket_address_new_from_string(host.c_str(), static_cast<guint>(port_));
-    if (addr_ == nullptr) throw UsageError("--metrics: " + host + " is not an IP address");
-    context_ = g_main_context_new();
-    loop_ = g_main_loop_new(context_, FALSE);
-    std::string error;
-    thread_ = std::thread([this, &error] {
-      pthread_setname_np(pthread_self(), "ingest_http");
-      g_main_context_push_thread_default(context_);
-      server_ = soup_server_new("server-header", "qomm", nullptr);
-      soup_server_add_handler(server_, "/metrics", Handle, this, nullptr);
-      GError* err = nullptr;
-      if (!soup_server_listen(server_, addr_, static_cast<SoupServerListenOptions>(0), &err)) {
-        error = err->message;
-        g_error_free(err);
-      }
-      {
-        std::lock_guard<std::mutex> lock(ready_lock_);
-        ready_ = true;
-      }
-      ready_cv_.notify_one();
-      if (error.empty()) g_main_loop_run(loop_);
-      soup_server_disconnect(server_);
-      g_object_unref(server_);
-      g_main_context_pop_thread_default(context_);
-    });
-    std::unique_lock<std::mutex> lock(ready_lock_);
-    ready_cv_.wait(lock, [this] { return ready_; });
-    lock.unlock();
-    if (!error.empty()) {
-      thread_.join();
-      Release();
-      throw std::runtime_error("cannot serve metrics on " + where + ": " + error);
-    }
-  }
-  ~MetricsServer() {
-    g_main_loop_quit(loop_);
-    thread_.join();
-    Release();
-  }
-  MetricsServer(const MetricsServer&) = delete;
-  MetricsServer& operator=(const MetricsServer&) = delete;
-
- private:
-  static void Handle(SoupServer*, SoupServerMessage* msg, const char*, GHashTable*, gpointer self) {
-    if (g_strcmp0(soup_server_message_get_method(msg), "GET") != 0) {
-      soup_server_message_set_status(msg, SOUP_STATUS_METHOD_NOT_ALLOWED, nullptr);
-      return;
-    }
-    const std::string body = Exposition(*static_cast<MetricsServer*>(self)->cams_);
-    soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
-    soup_server_message_set_response(msg, "text/plain; version=0.0.4; charset=utf-8",
-                                     SOUP_MEMORY_COPY, body.data(), body.size());
-  }
-  void Release() {
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
-    g_object_unref(addr_);
-  }
-
-  const std::vector<Camera>* cams_;
-  int port_ = 0;
-  GSocketAddress* addr_ = nullptr;
-  GMainContext* context_ = nullptr;
-  GMainLoop* loop_ = nullptr;
-  SoupServer* server_ = nullptr;
-  std::thread thread_;
-  std::mutex ready_lock_;
-  std::condition_variable ready_cv_;
-  bool ready_ = false;
+// The metric families of every stream: name, type, help.
+const char* const kFamilies[][3] = {
+    {"qomm_stream_frames_total", "counter", "Frames the stream delivered."},
+    {"qomm_stream_bytes_total", "counter", "Payload bytes of those frames."},
+    {"qomm_stream_timeouts_total", "counter", "Frame pulls that waited out their time-out."},
+    {"qomm_stream_timeout_tasks_total", "counter",
+     "Time-out tasks the node sent after its retry budget ran out."},
+    {"qomm_stream_reconnects_total", "counter", "Reconnection attempts of the RTSP source."},
+    {"qomm_stream_last_frame_age_seconds", "gauge",
+     "Age of the last frame against the sender's clock (NaN: not known)."},
+    {"qomm_stream_median_frame_age_seconds", "gauge",
+     "Median age of the last 32 frames against the sender's clock (NaN: not known)."},
+    {"qomm_stream_reason_code", "gauge",
+     "Why the stream delivers no frames: 0 nothing wrong, else a qo_StreamError."},
 };
 
-std::string Ms(int64_t ns) {
-  if (ns == -1) return "-";
-  char buf[32];
-  snprintf(buf, sizeof(buf), "%.1f", static_cast<double>(ns) / 1e6);
-  return buf;
+// The counters of every stream in Prometheus' text exposition format.
+GString* Exposition(const std::vector<Camera>& cams) {
+  // By stream: the values in the order of kFamilies, then the reason.
+  std::vector<std::vector<std::string>> values;
+  for (const Camera& c : cams) {
+    const Reading r = Read(c);
+    values.push_back({std::to_string(r.s.frames), std::to_string(r.s.bytes),
+                      std::to_string(r.s.timeouts), std::to_string(r.timeout_tasks),
+                      std::to_string(r.s.reconnects), Age(r.s.last_age_ns, 1e9, "%.6f", "NaN"),
+                      Age(r.s.median_age_ns, 1e9, "%.6f", "NaN"), std::to_string(r.s.reason),
+                      MaskPasswords(r.s.reason_text)});
+  }
+  GString* out = g_string_new(nullptr);
+  for (size_t f = 0; f < std::size(kFamilies); ++f) {
+    const char* name = kFamilies[f][0];
+    g_string_append_printf(out, "# HELP %s %s\n# TYPE %s %s\n", name, kFamilies[f][2], name,
+                           kFamilies[f][1]);
+    for (size_t i = 0; i < cams.size(); ++i) {
+      g_string_append_printf(out, "%s{stream=\"%zu\",url=\"%s\"} %s\n", name, i,
+                             Label(cams[i].shown).c_str(), values[i][f].c_str());
+    }
+  }
+  g_string_append(out,
+                  "# HELP qomm_stream_reason The last failure's text, as a label (1 while there "
+                  "is one).\n# TYPE qomm_stream_reason gauge\n");
+  for (size_t i = 0; i < cams.size(); ++i) {
+    if (values[i].back().empty()) continue;
+    g_string_append_printf(out, "qomm_stream_reason{stream=\"%zu\",reason=\"%s\"} 1\n", i,
+                           Label(values[i].back()).c_str());
+  }
+  return out;
 }
 
-// Redraws the table in place, as many rows as the terminal has room for.
-void DrawTable(std::vector<Camera>* cams, double secs) {
+void HandleMetrics(SoupServer*, SoupServerMessage* msg, const char*, GHashTable*, gpointer cams) {
+  if (g_strcmp0(soup_server_message_get_method(msg), "GET") != 0) {
+    soup_server_message_set_status(msg, SOUP_STATUS_METHOD_NOT_ALLOWED, nullptr);
+    return;
+  }
+  GString* body = Exposition(*static_cast<const std::vector<Camera>*>(cams));
+  const gsize length = body->len;
+  soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
+  soup_server_message_set_response(msg, "text/plain; version=0.0.4; charset=utf-8",
+                                   SOUP_MEMORY_TAKE, g_string_free(body, FALSE), length);
+}
+
+// /metrics on HOST:PORT, served by libsoup from the calling thread's own
+// main context (the library's streams run GLib's default one).
+SoupServer* ServeMetrics(const std::string& where, std::vector<Camera>* cams) {
+  const size_t colon = where.rfind(':');
+  if (colon == std::string::npos) throw UsageError("--metrics needs HOST:PORT");
+  std::string host = where.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
+    host = host.substr(1, host.size() - 2);
+  }
+  const int port = std::atoi(where.c_str() + colon + 1);
+  if (port <= 0 || port > 65535) throw UsageError("--metrics: bad port in " + where);
+  g_autoptr(GSocketAddress) addr = g_inet_socket_address_new_from_string(host.c_str(), port);
+  if (addr == nullptr) throw UsageError("--metrics: " + host + " is not an IP address");
+  g_autoptr(SoupServer) server = soup_server_new("server-header", "qomm", nullptr);
+  soup_server_add_handler(server, "/metrics", HandleMetrics, cams, nullptr);
+  g_autoptr(GError) error = nullptr;
+  if (soup_server_listen(server, addr, SoupServerListenOptions(0), &error)) {
+    return static_cast<SoupServer*>(g_steal_pointer(&server));
+  }
+  throw std::runtime_error("cannot serve metrics on " + where + ": " + error->message);
+}
+
+// On a terminal, the table redrawn in place with as many rows as fit, then
+// the totals; otherwise the totals only.
+void Show(std::vector<Camera>* cams, double secs, bool table) {
   winsize ws{};
-  const int rows = ioctl(STDOUT_FILENO, TIOCGWINSZ, &ws) == 0 && ws.ws_row > 4 ? ws.ws_row - 3 : 20;
-  std::string out = "\033[H\033[2J";
+  const int rows = ioctl(fileno(stdout), TIOCGWINSZ, &ws) == 0 && ws.ws_row > 4 ? ws.ws_row - 3 : 20;
   char line[512];
-  snprintf(line, sizeof(line), "%4s %-40s %8s %6s %9s %5s %5s %9s %s\n", "#", "url", "frames",
-           "fps", "MiB", "t/o", "recon", "age ms", "reason");
-  out += line;
-  uint64_t frames = 0, failing = 0;
+  snprintf(line, sizeof(line), "\033[H\033[2J%4s %-40s %8s %6s %9s %5s %5s %9s %s\n", "#", "url",
+           "frames", "fps", "MiB", "t/o", "recon", "age ms", "reason");
+  std::string out = table ? line : "";
+  unsigned long long frames = 0, delivering = 0, failing = 0;
   for (size_t i = 0; i < cams->size(); ++i) {
     Camera& c = (*cams)[i];
     const Reading r = Read(c);
     const double fps = static_cast<double>(r.s.frames - c.frames_before) / secs;
     c.frames_before = r.s.frames;
     frames += r.s.frames;
+    delivering += r.s.frames > 0;
     failing += r.s.reason != 0;
-    if (static_cast<int>(i) >= rows - 1) continue;
+    if (!table || static_cast<int>(i) >= rows - 1) continue;
     std::string shown = c.shown.size() > 40 ? "..." + c.shown.substr(c.shown.size() - 37) : c.shown;
-    snprintf(line, sizeof(line), "%4zu %-40s %8llu %6.1f %9.1f %5llu %5llu %9s %s\n", i,
-             shown.c_str(), static_cast<unsigned long long>(r.s.frames), fps,
-             static_cast<double>(r.s.bytes) / 1048576.0,
-             static_cast<unsigned long long>(r.s.timeouts),
-             static_cast<unsigned long long>(r.s.reconnects), Ms(r.s.median_age_ns).c_str(),
+    snprintf(line, sizeof(line),
+             "%4zu %-40s %8" PRIu64 " %6.1f %9.1f %5" PRIu64 " %5" PRIu64 " %9s %s\n", i,
+             shown.c_str(), r.s.frames, fps, static_cast<double>(r.s.bytes) / 1048576.0,
+             r.s.timeouts, r.s.reconnects, Age(r.s.median_age_ns, 1e6, "%.1f", "-").c_str(),
              MaskPasswords(r.s.reason_text).c_str());
     out += line;
   }
-  snprintf(line, sizeof(line), "%zu streams, %llu frames, %llu with a failure reason\n",
-           cams->size(), static_cast<unsigned long long>(frames),
-           static_cast<unsigned long long>(failing));
-  out += line;
-  fputs(out.c_str(), stdout);
-  fflush(stdout);
-}
-
-void PrintTotals(const std::vector<Camera>& cams) {
-  uint64_t frames = 0, delivering = 0, failing = 0;
-  for (const Camera& c : cams) {
-    const Reading r = Read(c);
-    frames += r.s.frames;
-    delivering += r.s.frames > 0;
-    failing += r.s.reason != 0;
-  }
-  printf("%zu streams: %llu delivering, %llu frames, %llu with a failure reason\n", cams.size(),
-         static_cast<unsigned long long>(delivering), static_cast<unsigned long long>(frames),
-         static_cast<unsigned long long>(failing));
+  snprintf(line, sizeof(line),
+           "%zu streams: %llu delivering, %llu frames, %llu with a failure reason\n", cams->size(),
+           delivering, frames, failing);
+  fputs((out + line).c_str(), stdout);
   fflush(stdout);
 }
 
@@ -315,84 +225,59 @@ void CloseAll(std::vector<Camera>* cams) {
 
 }  // namespace
 
-int RunIngest(ArgReader& args) {
-  std::string list, metrics;
-  int seconds = 0, transport = RTSP_TRANS_UDP;
-  while (!args.done()) {
-    const std::string a = args.Next();
-    if (a == "--metrics") {
-      metrics = args.Value(a);
-    } else if (a == "--seconds") {
-      seconds = args.IntValue(a, 1, 1 << 30);
-    } else if (a == "--tcp") {
-      args.NoValue(a);
-      transport = RTSP_TRANS_TCP;
-    } else if (a.size() > 1 && a[0] == '-') {
-      throw UsageError("unknown option " + a);
-    } else if (list.empty()) {
-      list = a;
-    } else {
-      throw UsageError("ingest takes one FILE");
-    }
+int RunIngest(Args& args) {
+  if (args.words.size() != 1) {
+    throw UsageError(args.words.empty() ? "ingest needs a FILE of URLs" : "ingest takes one FILE");
   }
-  if (list.empty()) throw UsageError("ingest needs a FILE of URLs");
-  RaiseDescriptorLimit();
+  const int seconds = args.Int("--seconds", 1, 1 << 30).value_or(0);
   std::vector<Camera> cams;
-  for (const std::string& url : ReadList(list)) {
-    cams.emplace_back();
-    cams.back().url = url;
-    cams.back().shown = MaskPasswords(url);
-  }
-  // Frames are counted by the nodes themselves: the host only drains.
-  qo::TaskQueue queue(1024);
-  std::thread drain([&queue] {
-    pthread_setname_np(pthread_self(), "ingest_drain");
-    for (qo::TaskQueue::Task t; queue.Pop(&t); t = qo::TaskQueue::Task()) {
-      qo::TaskQueue::Dispose(t);
-    }
-  });
   int failed = 0;
-  for (size_t i = 0; i < cams.size(); ++i) {
-    Camera& c = cams[i];
+  for (const std::string& url : ReadList(args.words[0])) {
+    Camera& c = cams.emplace_back();
+    c.shown = MaskPasswords(url);
+    // No queue on the output port: the node drops its tasks, and counts
+    // the frames itself.
     c.node.reset(new qo::HostNode("qo.mm.video.in"));
-    c.node->SetString("uri", c.url);
-    c.node->SetInt("stream-id", static_cast<int>(i));
-    c.node->SetInt("lower-trans-type", transport);
-    c.node->Attach(&queue, 0);
-    try {
-      c.node->Open();
-      c.opened = true;
-    } catch (const std::exception& e) {
-      c.open_error = ErrorMessage(e.what());
-      std::string why;
-      static_cast<const qo::mm::VideoInput*>(c.node->handle())->LastError(&why);
-      fprintf(stderr, "qomm: stream %zu (%s) did not open: %s\n", i, c.shown.c_str(),
-              MaskPasswords(why.empty() ? c.open_error : why).c_str());
-      failed++;
-    }
+    c.node->SetString("uri", url);
+    c.node->SetInt("stream-id", static_cast<int>(cams.size() - 1));
+    c.node->SetInt("lower-trans-type", args.Has("--tcp") ? RTSP_TRANS_TCP : RTSP_TRANS_UDP);
+    c.open_error = Open(c.node.get());
+    if (c.open_error.empty()) continue;
+    fprintf(stderr, "qomm: stream %zu (%s) did not open: %s\n", cams.size() - 1, c.shown.c_str(),
+            c.open_error.c_str());
+    failed++;
   }
-  std::unique_ptr<MetricsServer> server;
-  if (!metrics.empty()) {
-    server.reset(new MetricsServer(metrics, &cams));
-    fprintf(stderr, "qomm: metrics at http://%s/metrics\n", metrics.c_str());
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  SoupServer* server = nullptr;
+  if (args.Has("--metrics")) {
+    server = ServeMetrics(args.options.at("--metrics"), &cams);
+    fprintf(stderr, "qomm: metrics at http://%s/metrics\n", args.options.at("--metrics").c_str());
   }
-  const bool tty = isatty(STDOUT_FILENO) != 0;
+  // Wakes the loop below at least every 100 ms; the context owns it.
+  GSource* timer = g_timeout_source_new(100);
+  g_source_set_callback(
+      timer, [](gpointer) { return gboolean(G_SOURCE_CONTINUE); }, nullptr, nullptr);
+  g_source_attach(timer, context);
+  g_source_unref(timer);
+  const bool tty = isatty(fileno(stdout)) != 0;
   const auto start = std::chrono::steady_clock::now();
-  auto last = start;
-  for (int tick = 1; !StopRequested(); ++tick) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  for (auto last = start; !StopRequested();) {
+    g_main_context_iteration(context, TRUE);
     const auto now = std::chrono::steady_clock::now();
     if (seconds > 0 && now - start >= std::chrono::seconds(seconds)) break;
-    if (tick % 10 != 0) continue;
-    if (tty) DrawTable(&cams, std::chrono::duration<double>(now - last).count());
-    if (!tty && tick % 100 == 0) PrintTotals(cams);
+    if (now - last < std::chrono::seconds(tty ? 1 : 10)) continue;
+    Show(&cams, std::chrono::duration<double>(now - last).count(), tty);
     last = now;
   }
-  PrintTotals(cams);
-  server.reset();
+  Show(&cams, 1, false);
+  if (server != nullptr) {
+    soup_server_disconnect(server);
+    g_object_unref(server);
+  }
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
   CloseAll(&cams);
-  queue.Close();
-  drain.join();
   return failed > 0 ? 1 : 0;
 }
 

@@ -1,3 +1,5 @@
+// What the media-input library says, as qomm shows it: its messages, the
+// reasons of its nodes and its errors, with passwords masked.
 #include <cstdio>
 #include <mutex>
 #include <vector>
@@ -5,23 +7,18 @@
 #include "core/qo_logging.h"
 #include "hal_mm_file_in.h"
 #include "hal_mm_video_in.h"
+#include "node/qo_video_in_node.h"
 #include "qomm.h"
 
 namespace qomm {
 
 namespace {
 
-struct State {
-  std::mutex mutex;
-  int verbosity = 0;
-  bool holding = false;
-  std::vector<std::string> held;
-};
-
-State& Get() {
-  static State* state = new State();  // lives until exit: library threads may still print
-  return *state;
-}
+// They live until exit: library threads may still print.
+std::mutex& g_mutex = *new std::mutex();
+std::vector<std::string>& g_held = *new std::vector<std::string>();
+int g_verbosity = 0;
+bool g_holding = false;
 
 void Print(const std::string& text) {
   fputs(MaskPasswords(text).c_str(), stderr);
@@ -29,44 +26,40 @@ void Print(const std::string& text) {
 }
 
 void OnLogLine(const std::string& line) {
-  State& s = Get();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.holding && s.verbosity == 0) {
-    s.held.push_back(line);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (g_holding && g_verbosity == 0) {
+    g_held.push_back(line);
   } else {
     Print(line);
   }
 }
 
 void OnLayerText(const char* text, void*) {
-  State& s = Get();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (s.verbosity > 0) Print(text);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (g_verbosity > 0) Print(text);
 }
 
 }  // namespace
 
-void LibraryOutput::Start(int verbosity) {
-  Get().verbosity = verbosity;
+void StartLibraryOutput(int verbosity) {
+  g_verbosity = verbosity;
   qo::SetLogSink(OnLogLine);
   qo_VideoStreamSetLogSink(OnLayerText, nullptr);
   qo_VideoFileSetLogSink(OnLayerText, nullptr);
 }
 
-void LibraryOutput::Hold() {
-  State& s = Get();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.holding = true;
+void HoldLibraryOutput() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_holding = true;
 }
 
-void LibraryOutput::Release(bool show) {
-  State& s = Get();
-  std::lock_guard<std::mutex> lock(s.mutex);
+void ReleaseLibraryOutput(bool show) {
+  std::lock_guard<std::mutex> lock(g_mutex);
   if (show) {
-    for (const std::string& line : s.held) Print(line);
+    for (const std::string& line : g_held) Print(line);
   }
-  s.held.clear();
-  s.holding = false;
+  g_held.clear();
+  g_holding = false;
 }
 
 std::string MaskPasswords(std::string text) {
@@ -98,6 +91,23 @@ std::string ErrorMessage(const std::string& what) {
   }
   while (!line.empty() && (line.back() == '!' || line.back() == ' ')) line.pop_back();
   return MaskPasswords(line);
+}
+
+std::string Open(qo::HostNode* node) {
+  try {
+    node->Open();
+    return "";
+  } catch (const qo::Error& e) {
+    std::string reason;
+    if (dynamic_cast<const qo::mm::VideoInput*>(node->thread()) != nullptr) {
+      LastError(*node, &reason);
+    }
+    return reason.empty() ? ErrorMessage(e.what()) : MaskPasswords(reason);
+  }
+}
+
+int LastError(const qo::HostNode& node, std::string* text) {
+  return static_cast<const qo::mm::VideoInput*>(node.thread())->LastError(text);
 }
 
 }  // namespace qomm

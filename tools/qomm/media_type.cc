@@ -29,21 +29,6 @@ const struct {
     {QO_PIX_FMT_MJPEG, "image/jpeg", {".mjpeg", ".mjpg", ".jpeg", ".jpg"}},
 };
 
-bool EndsWith(const std::string& s, const char* suffix) {
-  size_t n = std::strlen(suffix);
-  return s.size() >= n && strcasecmp(s.c_str() + s.size() - n, suffix) == 0;
-}
-
-// From the extension, else QO_PIX_FMT_NONE.
-int TypeFromFileName(const std::string& path) {
-  for (const auto& t : kEncodedTypes) {
-    for (const char* extension : t.extensions) {
-      if (EndsWith(path, extension)) return t.type;
-    }
-  }
-  return QO_PIX_FMT_NONE;
-}
-
 }  // namespace
 
 std::string TypeName(int type) {
@@ -81,22 +66,24 @@ int TypeFromContent(const std::string& path, std::string* error) {
     return QO_PIX_FMT_NONE;
   }
   gst_init(nullptr, nullptr);
-  GstBuffer* buffer = gst_buffer_new_memdup(head.data(), n);
-  GstCaps* caps = gst_type_find_helper_for_buffer(nullptr, buffer, nullptr);
-  gst_buffer_unref(buffer);
-  if (caps == nullptr) return QO_PIX_FMT_NONE;
+  g_autoptr(GstCaps) caps =
+      gst_type_find_helper_for_data(nullptr, reinterpret_cast<guint8*>(head.data()), n, nullptr);
+  const char* name = caps != nullptr ? gst_structure_get_name(gst_caps_get_structure(caps, 0)) : "";
   int type = QO_PIX_FMT_NONE;
-  const char* name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
   for (const auto& t : kEncodedTypes) {
     if (std::strcmp(name, t.caps) == 0) type = t.type;
   }
-  gst_caps_unref(caps);
   return type;
 }
 
 int DetectFileType(const std::string& path, std::string* error) {
-  int type = TypeFromFileName(path);
-  return type != QO_PIX_FMT_NONE ? type : TypeFromContent(path, error);
+  const char* extension = std::strrchr(path.c_str(), '.');
+  for (const auto& t : kEncodedTypes) {
+    for (const char* e : t.extensions) {
+      if (extension != nullptr && strcasecmp(extension, e) == 0) return t.type;
+    }
+  }
+  return TypeFromContent(path, error);
 }
 
 std::string CheckReadable(const std::string& path) {

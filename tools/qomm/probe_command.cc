@@ -15,22 +15,18 @@ const char kProbeUsage[] =
     "are recognised from their first bytes.\n"
     "Exit status: 0 when the type is known, 1 when not, 2 for bad usage.\n";
 
-int RunProbe(ArgReader& args) {
-  std::string uri;
-  while (!args.done()) {
-    std::string a = args.Next();
-    if (a.size() > 1 && a[0] == '-') throw UsageError("unknown option " + a);
-    if (!uri.empty()) throw UsageError("probe takes one URI");
-    uri = a;
+int RunProbe(Args& args) {
+  if (args.words.size() != 1) {
+    throw UsageError(args.words.empty() ? "probe needs a URI" : "probe takes one URI");
   }
-  if (uri.empty()) throw UsageError("probe needs a URI");
-
-  const bool live = uri.rfind("rtsp://", 0) == 0 || uri.rfind("v4l2://", 0) == 0;
-  if (uri.find("://") != std::string::npos && !live && uri.rfind("file://", 0) != 0) {
+  const std::string& uri = args.words[0];
+  const std::string scheme = Scheme(uri);
+  const bool live = scheme == "rtsp" || scheme == "v4l2";
+  if (!scheme.empty() && !live && scheme != "file") {
     throw UsageError("cannot probe " + uri + " (rtsp://, v4l2://, file:// or a path)");
   }
-  const std::string path = uri.find("://") != std::string::npos ? uri.substr(7) : uri;
-  std::string why = uri.rfind("rtsp://", 0) == 0 ? "" : CheckReadable(path);
+  const std::string path = scheme.empty() ? uri : uri.substr(scheme.size() + 3);
+  std::string why = scheme == "rtsp" ? "" : CheckReadable(path);
   int type = QO_PIX_FMT_NONE;
   if (why.empty()) {
     type = live ? ProbeStreamType(uri, std::nullopt, &why) : TypeFromContent(path, &why);

@@ -1,4 +1,5 @@
 // qomm serve: elementary-stream files replayed over RTSP on 127.0.0.1.
+#include <gst/gst.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -24,7 +25,7 @@ const char kServeUsage[] =
     "  --fps N    frames per second of the replay (default 30)\n";
 
 std::unique_ptr<qo::tools::RtspServer> ServeFiles(const std::vector<std::string>& files, int port,
-                                                  int fps, std::string* error) {
+                                                  int fps) {
   gst_init(nullptr, nullptr);
   qo::tools::RtspServerOptions server_options;
   server_options.address = "127.0.0.1";
@@ -32,16 +33,12 @@ std::unique_ptr<qo::tools::RtspServer> ServeFiles(const std::vector<std::string>
   auto server = std::make_unique<qo::tools::RtspServer>(server_options);
   std::set<std::string> mounts;
   for (const std::string& file : files) {
-    if (std::string why = CheckReadable(file); !why.empty()) {
-      *error = "cannot open " + file + ": " + why;
-      return nullptr;
-    }
-    std::string why;
+    std::string why = CheckReadable(file);
+    if (!why.empty()) throw std::runtime_error("cannot open " + file + ": " + why);
     const int type = DetectFileType(file, &why);
     if (!qo::mm::IsEncodedType(type)) {
-      *error =
-          "cannot serve " + file + ": " + (why.empty() ? "neither H.264, H.265 nor MJPEG" : why);
-      return nullptr;
+      throw std::runtime_error("cannot serve " + file + ": " +
+                               (why.empty() ? "neither H.264, H.265 nor MJPEG" : why));
     }
     qo::tools::RtspStreamSpec stream;
     // RtspCodec lists the encoded types in the order of their codes.
@@ -53,40 +50,22 @@ std::unique_ptr<qo::tools::RtspServer> ServeFiles(const std::vector<std::string>
     mounts.insert(stream.mount);
     stream.fps = fps;
     stream.file = file;
-    if (!server->AddStream(stream, &why)) {
-      *error = "cannot serve " + file + ": " + why;
-      return nullptr;
-    }
+    if (!server->AddStream(stream, &why))
+      throw std::runtime_error("cannot serve " + file + ": " + why);
   }
   std::string why;
   if (!server->Start(&why)) {
-    *error = "cannot serve on 127.0.0.1:" + std::to_string(port) + ": " + why;
-    return nullptr;
+    throw std::runtime_error("cannot serve on 127.0.0.1:" + std::to_string(port) + ": " + why);
   }
   return server;
 }
 
-int RunServe(ArgReader& args) {
-  int port = 8554;
-  int fps = 30;
-  std::vector<std::string> files;
-  while (!args.done()) {
-    std::string a = args.Next();
-    if (a == "--port") {
-      port = args.IntValue(a, 0, 65535);
-    } else if (a == "--fps") {
-      fps = args.IntValue(a, 1, 240);
-    } else if (a.size() > 1 && a[0] == '-') {
-      throw UsageError("unknown option " + a);
-    } else {
-      files.push_back(a);
-    }
-  }
-  if (files.empty()) throw UsageError("serve needs at least one FILE");
+int RunServe(Args& args) {
+  const int port = args.Int("--port", 0, 65535).value_or(8554);
+  const int fps = args.Int("--fps", 1, 240).value_or(30);
+  if (args.words.empty()) throw UsageError("serve needs at least one FILE");
 
-  std::string error;
-  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles(files, port, fps, &error);
-  if (!server) return Fail(error);
+  std::unique_ptr<qo::tools::RtspServer> server = ServeFiles(args.words, port, fps);
   for (const qo::tools::RtspStreamSpec& s : server->streams()) {
     printf("%s  %s  %s\n", server->Url(s.mount).c_str(),
            TypeName(QO_PIX_FMT_H264 + static_cast<int>(s.codec)).c_str(), s.file.c_str());
