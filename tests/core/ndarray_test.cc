@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <thread>
 
+#include "core/qo_c_runtime_api.h"
 #include "core/qo_media_task.h"
 #include "core/qo_ndarray.h"
 
@@ -76,6 +78,24 @@ TEST(NDArrayTest, MediaTaskSerialisesHeaderAndCutsExtra) {
   out.reset();
   frame.reset();
   EXPECT_EQ(g_deleter_runs.load(), 1);
+}
+
+// Frame memory: small blocks and large ones (mapped on their own) keep
+// their alignment and every byte, also when freed on another thread.
+TEST(FrameMemoryTest, SmallAndLargeBlocksAreAlignedAndWhole) {
+  for (size_t size : {size_t{0}, size_t{1}, size_t{4000}, size_t{128 * 1024},
+                      size_t{3 * 1024 * 1024 + 5}}) {
+    for (size_t alignment : {size_t{8}, size_t{64}, size_t{4096}}) {
+      auto* p = static_cast<uint8_t*>(QOMemAlloc(size, alignment));
+      ASSERT_NE(p, nullptr) << size;
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % alignment, 0u) << size << " " << alignment;
+      memset(p, 0xa5, size);
+      std::thread([p] { QOMemFree(p); }).join();
+    }
+  }
+  EXPECT_EQ(QOMemAlloc(16, 48), nullptr);  // not a power of two
+  EXPECT_EQ(QOMemAlloc(SIZE_MAX - 8, 64), nullptr);
+  QOMemFree(nullptr);
 }
 
 }  // namespace
