@@ -1,13 +1,14 @@
 // File input node driven through the library's registered functions: which
 // files it plays, the tasks it sends (zero copy, shapes by format), its
-// time-out allowance, repeated starts and sync mode. Access-unit contents are
-// proven at the decoder layer.
+// time-out allowance, repeated starts, sync mode, and files that go wrong
+// while read. Access-unit contents are proven at the decoder layer.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -321,6 +322,112 @@ TEST(FileInputStream, SyncModeHandsFramesToTheOwner) {
   node.Close();
   out.Stop();
   EXPECT_TRUE(out.Tasks().empty());  // nothing is sent in sync mode
+}
+
+// A file input node on port 0 of a collector whose output pulls with a 1 s
+// time-out (three pulls without a frame end it), for files that go wrong.
+struct FileNode {
+  FileNode(const std::string& key, const std::string& file, int loop = 0, double framerate = 0,
+           std::initializer_list<std::pair<const char*, int>> ints = {}) {
+    node.thread()->SetTxQue(out.queue(), 0);
+    node.SetString(key, file);
+    node.SetInt("loop", loop);
+    node.SetDouble("framerate", framerate);
+    node.SetInt("timeout", 1);
+    for (const auto& kv : ints) node.SetInt(kv.first, kv.second);
+    node.Open();
+  }
+  bool WaitFrames(size_t n) { return out.WaitFor([&](const Tasks& t) { return CountFlag(t, 0) >= n; }, 20000); }
+  // Waits for the end; close is prompt (the decoder's stop waits up to 2 s
+  // for an end nobody pulls any more) and one final task comes last. Returns
+  // its status.
+  int RunToEnd() {
+    EXPECT_TRUE(out.WaitFor([](const Tasks& t) { return t.size() > CountFlag(t, 0); }, 30000));
+    const int64_t t0 = testutil::MonotonicMs();
+    node.Close();
+    EXPECT_LT(testutil::MonotonicMs() - t0, 3000 + testutil::kSlackMs) << "close";
+    out.Stop();
+    const Tasks tasks = out.Tasks();
+    EXPECT_EQ(tasks.size() - CountFlag(tasks, 0), 1u) << "one final task";
+    return tasks.empty() ? -1 : tasks.back().flag;
+  }
+  TaskCollector out{64};
+  HostNode node{kPrefix};
+};
+
+// Each run ends with one final task, never hangs and leaves no thread behind.
+class FileInputFaultTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { FileNode("file", H264(12).path).RunToEnd(); }  // GStreamer's set-up
+  void TearDown() override { testutil::ExpectNoThreadLeft(threads_before_); }
+  std::string Copy(const std::string& src, const std::string& name) {
+    std::filesystem::copy_file(src, dir_ + name, std::filesystem::copy_options::overwrite_existing);
+    return dir_ + name;
+  }
+  const std::string dir_ = testutil::ScratchDir() + "/";
+  const int threads_before_ = testutil::ThreadCount();
+};
+
+// Deleted while read, the open file stays readable to its end and the next
+// pass finds nothing; looping endlessly, the output ends after its
+// time-outs. Truncated while read (beyond what the reader has taken: the
+// decoder's 1 MiB input and a 256 KiB packet), the run ends where the file
+// now ends.
+TEST_F(FileInputFaultTest, FileDeletedOrTruncatedWhileRead) {
+  testmedia::StreamParams p;  // 320x240 snow at a high rate: large frames
+  p.frames = 150;
+  p.pattern = 1;
+  p.bitrate_kbps = 4000;
+  p.key_int = 30;
+  const std::string big = testmedia::GenerateStream(p);
+  const size_t total = testmedia::ReferenceAccessUnits(big, testmedia::Codec::kH264).size();
+  {
+    FileNode n("file", Copy(big, "deleted.h264"), 2, 60.0);
+    ASSERT_TRUE(n.WaitFrames(5));
+    ASSERT_TRUE(std::filesystem::remove(dir_ + "deleted.h264"));
+    EXPECT_EQ(n.RunToEnd(), 1);
+    EXPECT_EQ(n.out.Count(0), total) << "the first pass read to its end";
+  }
+  {
+    FileNode n("file", Copy(H264(12).path, "looped.h264"), -1);
+    ASSERT_TRUE(n.WaitFrames(3));
+    std::filesystem::remove(dir_ + "looped.h264");
+    EXPECT_EQ(n.RunToEnd(), 2) << "no end of input: the output times out";
+  }
+  FileNode n("file", Copy(big, "truncated.h264"), 0, 30.0);
+  ASSERT_TRUE(n.WaitFrames(3));
+  ASSERT_EQ(truncate((dir_ + "truncated.h264").c_str(), std::filesystem::file_size(big) * 3 / 4),
+            0);
+  EXPECT_EQ(n.RunToEnd(), 1);
+  EXPECT_LT(n.out.Count(0), total) << "frames past the cut";
+}
+
+// A list naming a missing file, a directory, an empty file, a good one and
+// a vanished one passes the good file's frames and ends; a zero-length file
+// gives no frame and a clean end; random bytes end the run whatever the
+// parser makes of them.
+TEST_F(FileInputFaultTest, UnreadableInput) {
+  const Media good = H264(12);
+  const std::string empty = testutil::WriteText(dir_ + "empty.h264", "");
+  std::filesystem::create_directories(dir_ + "a-directory");
+  const std::string list = testutil::WriteText(
+      dir_ + "list.txt", dir_ + "missing.h264\n" + dir_ + "a-directory\n" + empty + "\n" +
+                             good.path + "\n" + dir_ + "gone.h264\n");
+  {
+    FileNode n("file-list", list);
+    EXPECT_EQ(n.RunToEnd(), 1);
+    EXPECT_EQ(n.out.Count(0), good.units.size());
+  }
+  for (int loop : {0, -1}) {  // endless: the output times out
+    FileNode n("file", empty, loop);
+    EXPECT_EQ(n.RunToEnd(), loop ? 2 : 1) << "loop " << loop;
+    EXPECT_EQ(n.out.Count(0), 0u);
+  }
+  const std::string noise = testmedia::GenerateRawBytes(512 * 1024, 7);
+  for (int type : {QO_PIX_FMT_H264, QO_PIX_FMT_H265, QO_PIX_FMT_MJPEG}) {
+    SCOPED_TRACE(type);
+    FileNode("file", noise, 0, 0, {{"stream-type", type}}).RunToEnd();
+  }
 }
 
 }  // namespace

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "hal_mm_video_in.h"
-#include "process_stats.h"
+#include "test_common.h"
 #include "test_host.h"
 #include "test_rtsp_server.h"
 
@@ -23,15 +23,16 @@ namespace qo {
 namespace reliability {
 namespace {
 
+using namespace testutil;  // NOLINT: waits, clocks and thread counts
+
 constexpr int64_t kPromptMs = 1000 + kSlackMs;
 // The layer's stop waits up to 4 s for a puller that is no longer there.
 constexpr int64_t kUnpulledStopMs = 4000 + kPromptMs;
 
 void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
-// An RTSP server in this process whose sender can end its streams with
-// RTCP BYE, which qo-rtsp-server cannot do. Each connection gets a stream of
-// its own, so one that got BYE is never handed out again.
+// An RTSP server in this process whose sender can end its streams with RTCP
+// BYE, which qo-rtsp-server cannot do; each connection gets a stream of its own.
 class ByeServer {
  public:
   ByeServer() {
@@ -81,9 +82,9 @@ class ByeServer {
     g_main_loop_unref(loop_);
     g_main_context_unref(context_);
   }
-  // The end of a stream makes its RTP session send BYE. Returns how many.
   std::string url;
 
+  // The end of a stream makes its RTP session send BYE. Returns how many.
   int SendBye() {
     std::lock_guard<std::mutex> lock(mu_);
     int n = 0;

@@ -52,13 +52,40 @@ bool WaitUntil(const std::function<bool()>& pred, int timeout_ms) {
   return true;
 }
 
-int ThreadCount(const std::string& name) {
-  int count = 0;
+namespace {
+std::string ThreadNames() {
+  std::string names;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::string line;
-    count += std::getline(std::ifstream(task.path() / "comm"), line) && line == name;
+    std::getline(std::ifstream(task.path() / "comm"), line);
+    names += line + "\n";
   }
-  return count;
+  return names;
+}
+}  // namespace
+
+int ThreadCount(const std::string& name) {
+  return name.empty() ? static_cast<int>(CountOf(ThreadNames(), "\n"))
+                      : static_cast<int>(CountOf("\n" + ThreadNames(), "\n" + name + "\n"));
+}
+
+// The directory stream itself is one of the descriptors: not counted.
+int OpenFdCount() {
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {})) -
+         1;
+}
+
+int64_t ResidentBytes() {
+  int64_t size = 0, resident = 0;
+  std::ifstream("/proc/self/statm") >> size >> resident;
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+void ExpectNoThreadLeft(int before) {
+  for (const char* name : {"strm_out", "strm_in", "Gstloop", "live555src", "bye-rtsp-srv"})
+    EXPECT_EQ(ThreadCount(name), 0) << name;
+  EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= before + 2; }, 5000))
+      << before << " threads before, now:\n" << ThreadNames();
 }
 
 std::string ScratchDir() {

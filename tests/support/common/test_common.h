@@ -1,6 +1,5 @@
-// Helpers shared by the core, hal and node tests: log capture, waiting with a
-// deadline, thread counting, frame copies and scratch files. Link the static
-// library `qotestcommon`.
+// Helpers shared by the tests: log capture, waiting with a deadline, what the
+// process holds, frame copies and scratch files. Link `qotestcommon`.
 #ifndef QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 #define QO_TESTS_SUPPORT_COMMON_TEST_COMMON_H_
 
@@ -41,11 +40,24 @@ class LogCapture {
   std::vector<std::string> lines_;  // guarded by LogMessage::mutex_
 };
 
+#ifdef QO_SANITIZER_BUILD
+constexpr int64_t kSlackMs = 2000;  // the sanitizers make everything slower
+#else
+constexpr int64_t kSlackMs = 0;
+#endif
+
 size_t CountOf(const std::string& text, const std::string& needle);
 // Polls pred every few milliseconds; false when it still fails at the end.
 bool WaitUntil(const std::function<bool()>& pred, int timeout_ms);
-int ThreadCount(const std::string& name);  // threads of this process with this name
+// What this process holds, from /proc/self.
+int ThreadCount(const std::string& name = "");  // threads with this name ("": all)
+int OpenFdCount();
+int64_t ResidentBytes();
+// None of the threads our code names is left, and the process is back to
+// `before` threads (GLib's pool may keep a couple of idle ones a while).
+void ExpectNoThreadLeft(int before);
 inline int64_t MonotonicNs() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+inline int64_t MonotonicMs() { return MonotonicNs() / 1000000; }
 inline int64_t RealtimeNs() { return std::chrono::system_clock::now().time_since_epoch().count(); }
 // A fresh directory for the running test, in the build tree.
 std::string ScratchDir();
