@@ -35,9 +35,7 @@ class TestRtspServer {
   // Spawns the server (on the port of the last run, if any) and waits up to
   // 15 s for it to listen. On failure error() says why.
   bool Start();
-  void Stop();  // asks the server to quit; SIGKILL if it does not
   void Kill();  // SIGKILL at once (also while frozen) and reap it
-  bool Restart() { return Kill(), Start(); }
 
   // Fault controls; each returns once the server has done it.
   bool Drop() { return Command("drop"); }      // close all client connections
@@ -45,13 +43,7 @@ class TestRtspServer {
   bool Accept() { return Command("accept"); }  // listen again on the same port
   void Freeze() { frozen_ = frozen_ || (pid_ > 0 && kill(pid_, SIGSTOP) == 0); }
   void Thaw() { frozen_ = frozen_ && !(pid_ > 0 && kill(pid_, SIGCONT) == 0); }
-  int ClientCount() {  // -1 on error
-    std::string r;
-    return Command("clients", &r) && r.rfind("CLIENTS ", 0) == 0 ? std::atoi(r.c_str() + 8) : -1;
-  }
 
-  bool running() const { return pid_ > 0; }
-  int port() const { return port_; }
   const std::string& error() const { return error_; }
   // "rtsp://127.0.0.1:<port>/<mount>" (mount with or without leading '/').
   std::string Url(const std::string& mount) const { return UrlWithCredentials(mount, "", ""); }
@@ -60,7 +52,7 @@ class TestRtspServer {
                                  const std::string& password) const;
 
  private:
-  bool Command(const std::string& cmd, std::string* reply = nullptr);
+  bool Command(const std::string& cmd);
   bool ReadLine(std::string* line, int timeout_ms);
 
   Options options_;
