@@ -1,25 +1,12 @@
-/* Makes GLib's mutexes and condition variables visible to ThreadSanitizer.
- *
- * GLib implements GMutex with futexes and GRecMutex/GCond inside the
- * uninstrumented library, so ThreadSanitizer never sees the ordering they
- * give, and every access that our instrumented code protects with them
- * would be reported as a race. Preloaded into the test processes of the
- * ThreadSanitizer run (LD_PRELOAD, see the Makefile's tsan-test), these
- * wrappers call the real functions and tell ThreadSanitizer about the
- * acquire and release. Built without sanitizers: in a process without
- * ThreadSanitizer (e.g. GStreamer's plugin scanner, which inherits the
- * environment) the annotations are absent and the wrappers only forward.
- *
- * The same for main loops: GLib orders the dispatch of a source after its
- * attachment, and its removal after the last dispatch, with its own
- * (invisible) context lock. Sources made through g_source_new() get a
- * dispatch function that acquires the source before and releases it after;
- * attaching releases it, removing or destroying acquires it (before the
- * source can be freed: freeing drops what ThreadSanitizer knew of it). A
- * dispatch still running at the removal is not covered; the code must wait
- * for it itself (as the live-stream layer does through the watch's destroy
- * notification). Functions
- * handed over with g_main_context_invoke() are treated alike. */
+/* Makes GLib's mutexes, conditions and main-loop dispatch visible to
+ * ThreadSanitizer. GLib's own locking happens in the uninstrumented library,
+ * so every access our code protects with it would be reported as a race.
+ * Preloaded into the ThreadSanitizer run (the Makefile's tsan-test), these
+ * wrappers call the real functions and annotate the acquire and release;
+ * without ThreadSanitizer in the process (GStreamer's plugin scanner inherits
+ * the preload) they only forward. A source's dispatch is ordered after its
+ * attachment and before its removal; a dispatch still running at the removal
+ * is not covered (the live-stream layer waits for it itself). */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <glib.h>
@@ -36,8 +23,8 @@ typedef gboolean (*RecMutexTryFn)(GRecMutex*);
 typedef void (*CondWaitFn)(GCond*, GMutex*);
 typedef gboolean (*CondWaitUntilFn)(GCond*, GMutex*, gint64);
 
-/* The next definition (GLib's), looked up on first use: GLib may lock
- * before any constructor of ours has run. */
+/* GLib's definition, looked up on first use: GLib may lock before any
+ * constructor of ours has run. */
 #define REAL(name, type)   \
   static type real_##name; \
   if (G_UNLIKELY(!real_##name)) real_##name = (type)dlsym(RTLD_NEXT, #name)
@@ -48,12 +35,9 @@ static void acquire(void* addr) {
 static void release(void* addr) {
   if (__tsan_release) __tsan_release(addr);
 }
-/* GRecMutex sits on a recursive pthread mutex that GLib allocates and keeps
- * in its first field (gthread-posix.c). ThreadSanitizer sees those pthread
- * calls only in part (from GLib they are ignored, unless a tail call makes
- * them look as if they came from GLib's caller), which breaks its view of
- * the mutex. Once the mutex exists the wrappers lock it themselves, so every
- * operation is seen; a mutex not yet allocated goes through GLib. */
+/* GRecMutex keeps a recursive pthread mutex in its first field, whose calls
+ * ThreadSanitizer sees only in part from GLib: once it exists the wrappers
+ * lock it themselves; one not yet allocated goes through GLib. */
 static pthread_mutex_t* rec_impl(GRecMutex* mutex) {
   return (pthread_mutex_t*)g_atomic_pointer_get(&mutex->p);
 }
@@ -165,8 +149,8 @@ void g_main_context_invoke(GMainContext* context, GSourceFunc function, gpointer
   g_main_context_invoke_full(context, G_PRIORITY_DEFAULT, function, data, NULL);
 }
 
-/* Sources: each GSourceFuncs table seen gets a copy whose dispatch is
- * wrapped. Tables are static in their libraries, and there are few. */
+/* Each GSourceFuncs table seen (static and few) gets a copy whose dispatch
+ * is wrapped. */
 #define MAX_SOURCE_KINDS 64
 static struct {
   const GSourceFuncs* orig;
