@@ -48,25 +48,25 @@ mutant fml/video_in/fml_video_in.cc '/"qo.mm.video.in.close"/,/Stop()/ s/LOG(3)/
 
 PROP=include/core/qo_prop.h
 mutant $PROP 's/" exceeds range \["/" out of range ["/' \
-  qo_core_packed_func_test 'PropTest\.' 'range refusal text'
+  qo_core_test 'PropTest\.' 'range refusal text'
 mutant $PROP '0,/(vs.low <= _val)/ s/(vs.low <= _val)/(vs.low < _val)/' \
-  qo_core_packed_func_test 'PropTest\.' 'an int at the lower bound is refused'
+  qo_core_test 'PropTest\.' 'an int at the lower bound is refused'
 mutant $PROP '/Set(const std::string& _key, double _val)/,/exceeds/ s/(vs.upper >= _val)/(vs.upper > _val)/' \
-  qo_core_packed_func_test 'PropTest\.' 'a double at the upper bound is refused'
+  qo_core_test 'PropTest\.' 'a double at the upper bound is refused'
 mutant $PROP 's/"key " << _key << " not exist!/"no key " << _key << " not exist!/' \
-  qo_core_packed_func_test 'PropTest\.' 'unknown key text'
+  qo_core_test 'PropTest\.' 'unknown key text'
 mutant $PROP 's/LOG(3) << "double_paras/LOG(2) << "double_paras/' \
-  qo_core_packed_func_test 'PropTest\.' 'read of an unknown double logs at 2'
+  qo_core_test 'PropTest\.' 'read of an unknown double logs at 2'
 
 PF=include/core/qo_packed_func.h
 mutant $PF 's/CHECK(endpt == s.c_str() + s.length()) << "unknown type "/CHECK(endpt == s.c_str() + s.length()) << "bad type "/' \
-  qo_core_packed_func_test 'PackedFuncTest\.TypeTexts' 'unread type text refusal'
+  qo_core_test 'PackedFuncTest\.TypeTexts' 'unread type text refusal'
 mutant $PF 's/if (bits != 0) t.bits = bits;/t.bits = bits;/' \
-  qo_core_packed_func_test 'PackedFuncTest\.TypeTexts' 'no default width'
+  qo_core_test 'PackedFuncTest\.TypeTexts' 'no default width'
 mutant $PF 's/    t.bits = 64;/    t.bits = 32;/' \
-  qo_core_packed_func_test 'PackedFuncTest\.TypeTexts' 'handle width'
+  qo_core_test 'PackedFuncTest\.TypeTexts' 'handle width'
 mutant $PF "s/if (\*xdelim == 'x') {/if (*xdelim == 'X') {/" \
-  qo_core_packed_func_test 'PackedFuncTest\.TypeTexts' 'lanes not read'
+  qo_core_test 'PackedFuncTest\.TypeTexts' 'lanes not read'
 
 # Tracked files of the working tree into the copy; only changed ones are
 # written, so the build stays incremental.
