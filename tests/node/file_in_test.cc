@@ -50,30 +50,54 @@ Paths Opened(const LogCapture& logs) {
   return paths;
 }
 
-// An unpaced node sending to `ports` of one collector, configured, opened,
-// closed and destroyed once its end tasks (or, with stop_after, that many
-// frames) have arrived.
-Tasks RunNode(const std::function<void(HostNode&)>& configure, size_t stop_after = 0,
-              const std::vector<int>& ports = {0}) {
-  TaskCollector out(8, /*keep_arrays=*/true);
-  {
-    HostNode node(kPrefix);
+// An unpaced node (unless configured otherwise) on `ports` of one collector.
+// Its output pulls with a 1 s time-out: three pulls without a frame end it.
+struct FileNode {
+  explicit FileNode(const std::function<void(HostNode&)>& configure,
+                    const std::vector<int>& ports = {0})
+      : port_count(ports.size()) {
     for (int port : ports) node.thread()->SetTxQue(out.queue(), port);
     node.SetDouble("framerate", 0.0);
-    if (stop_after > 0) node.SetInt("timeout", 1);  // a close mid-stream waits out pulls
+    node.SetInt("timeout", 1);
     configure(node);
     node.Open();
+  }
+  FileNode(const std::string& key, const std::string& file, int loop = 0, double framerate = 0,
+           int type = 0)
+      : FileNode([&](HostNode& n) {
+          n.SetString(key, file);
+          n.SetInt("loop", loop);
+          n.SetDouble("framerate", framerate);
+          if (type != 0) n.SetInt("stream-type", type);
+        }) {}
+  bool WaitFrames(size_t n) {
+    return out.WaitFor([&](const Tasks& t) { return CountFlag(t, 0) >= n; }, 20000);
+  }
+  // Waits for `frames` frames, or else for the end tasks (one per port),
+  // and closes; the close is prompt (the decoder's stop waits up to 2 s for
+  // an end nobody pulls any more). The arrays outlive the node.
+  Tasks Finish(size_t frames = 0) {
     EXPECT_TRUE(out.WaitFor(
         [&](const Tasks& t) {
-          return stop_after > 0 ? CountFlag(t, 0) >= stop_after
-                                : t.size() - CountFlag(t, 0) >= ports.size();
+          return frames > 0 ? CountFlag(t, 0) >= frames : t.size() - CountFlag(t, 0) >= port_count;
         },
         60000));
+    const int64_t t0 = testutil::MonotonicMs();
     node.Close();
+    EXPECT_LT(testutil::MonotonicMs() - t0, 3000 + testutil::kSlackMs) << "close";
+    out.Stop();
+    return out.Tasks();
   }
-  out.Stop();
-  return out.Tasks();
-}
+  // The status of the one final task, which comes last.
+  int RunToEnd() {
+    const Tasks tasks = Finish();
+    EXPECT_EQ(tasks.size() - CountFlag(tasks, 0), 1u) << "one final task";
+    return tasks.empty() ? -1 : tasks.back().flag;
+  }
+  const size_t port_count;
+  TaskCollector out{64, /*keep_arrays=*/true};
+  HostNode node{kPrefix};
+};
 
 // Three files, "loop" 2: every access unit twice, in order, as the decoder's
 // own buffer on ports 0 and 3 (port 4 is beyond the node's ports), then one
@@ -87,14 +111,15 @@ TEST(FileInputStream, ListOfThreeLoopedTwiceSendsEveryAccessUnitWithoutCopy) {
     for (const Media& media : m) ref.insert(ref.end(), media.units.begin(), media.units.end());
   TaskCollector port4;
   LogCapture logs(1);
-  const Tasks tasks = RunNode(
-      [&](HostNode& n) {
-        n.thread()->SetTxQue(port4.queue(), 4);
-        n.SetInt("stream-id", 7);
-        n.SetString("file-list", list);
-        n.SetInt("loop", 2);
-      },
-      0, {0, 3});
+  const Tasks tasks = FileNode(
+                          [&](HostNode& n) {
+                            n.thread()->SetTxQue(port4.queue(), 4);
+                            n.SetInt("stream-id", 7);
+                            n.SetString("file-list", list);
+                            n.SetInt("loop", 2);
+                          },
+                          {0, 3})
+                          .Finish();
   port4.Stop();
   EXPECT_TRUE(port4.Tasks().empty());
   EXPECT_EQ(Opened(logs),
@@ -162,14 +187,12 @@ TEST(FileInputSequence, FilesListsRangesAndLoops) {
     size_t units = 0;
     for (int i : c.played) want.push_back(m[i].path), units += m[i].units.size();
     LogCapture logs(1);
-    const Tasks tasks = RunNode(
-        [&](HostNode& n) {
-          n.SetString(c.file.empty() ? "file-list" : "file", c.file + c.list);
-          n.SetInt("start-index", c.start);
-          n.SetInt("stop-index", c.stop);
-          n.SetInt("loop", c.loop);
-        },
-        c.loop < 0 ? units : 0);
+    const Tasks tasks = FileNode([&](HostNode& n) {
+                          n.SetString(c.file.empty() ? "file-list" : "file", c.file + c.list);
+                          n.SetInt("start-index", c.start);
+                          n.SetInt("stop-index", c.stop);
+                          n.SetInt("loop", c.loop);
+                        }).Finish(c.loop < 0 ? units : 0);
     EXPECT_TRUE(c.line.empty() || logs.Count(c.line) == 1) << c.line;
     Paths opened = Opened(logs);
     const bool endless = c.loop < 0 && !want.empty();
@@ -196,13 +219,13 @@ TEST(FileInputStream, PassThroughShapesByPixelFormat) {
   for (const auto& c : raw) {
     SCOPED_TRACE(c.format);
     const std::string path = testmedia::GenerateRawBytes(3 * c.bytes, 7);
-    const Tasks tasks = RunNode([&](HostNode& n) {
-      n.SetInt("stream-type", c.format);
-      n.SetInt("size", c.bytes);
-      n.SetInt("width", w);
-      n.SetInt("height", h);
-      n.SetString("file", path);
-    });
+    const Tasks tasks = FileNode([&](HostNode& n) {
+                          n.SetInt("stream-type", c.format);
+                          n.SetInt("size", c.bytes);
+                          n.SetInt("width", w);
+                          n.SetInt("height", h);
+                          n.SetString("file", path);
+                        }).Finish();
     ASSERT_EQ(CountFlag(tasks, 0), 3u);
     for (int k = 0; k < 3; ++k) {
       EXPECT_EQ(tasks[k].data.Shape(), c.shape);
@@ -324,41 +347,12 @@ TEST(FileInputStream, SyncModeHandsFramesToTheOwner) {
   EXPECT_TRUE(out.Tasks().empty());  // nothing is sent in sync mode
 }
 
-// A file input node on port 0 of a collector whose output pulls with a 1 s
-// time-out (three pulls without a frame end it), for files that go wrong.
-struct FileNode {
-  FileNode(const std::string& key, const std::string& file, int loop = 0, double framerate = 0,
-           std::initializer_list<std::pair<const char*, int>> ints = {}) {
-    node.thread()->SetTxQue(out.queue(), 0);
-    node.SetString(key, file);
-    node.SetInt("loop", loop);
-    node.SetDouble("framerate", framerate);
-    node.SetInt("timeout", 1);
-    for (const auto& kv : ints) node.SetInt(kv.first, kv.second);
-    node.Open();
-  }
-  bool WaitFrames(size_t n) { return out.WaitFor([&](const Tasks& t) { return CountFlag(t, 0) >= n; }, 20000); }
-  // Waits for the end; close is prompt (the decoder's stop waits up to 2 s
-  // for an end nobody pulls any more) and one final task comes last. Returns
-  // its status.
-  int RunToEnd() {
-    EXPECT_TRUE(out.WaitFor([](const Tasks& t) { return t.size() > CountFlag(t, 0); }, 30000));
-    const int64_t t0 = testutil::MonotonicMs();
-    node.Close();
-    EXPECT_LT(testutil::MonotonicMs() - t0, 3000 + testutil::kSlackMs) << "close";
-    out.Stop();
-    const Tasks tasks = out.Tasks();
-    EXPECT_EQ(tasks.size() - CountFlag(tasks, 0), 1u) << "one final task";
-    return tasks.empty() ? -1 : tasks.back().flag;
-  }
-  TaskCollector out{64};
-  HostNode node{kPrefix};
-};
-
 // Each run ends with one final task, never hangs and leaves no thread behind.
 class FileInputFaultTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { FileNode("file", H264(12).path).RunToEnd(); }  // GStreamer's set-up
+  static void SetUpTestSuite() {
+    FileNode("file", H264(12).path).RunToEnd();
+  }  // GStreamer's set-up
   void TearDown() override { testutil::ExpectNoThreadLeft(threads_before_); }
   std::string Copy(const std::string& src, const std::string& name) {
     std::filesystem::copy_file(src, dir_ + name, std::filesystem::copy_options::overwrite_existing);
@@ -426,7 +420,7 @@ TEST_F(FileInputFaultTest, UnreadableInput) {
   const std::string noise = testmedia::GenerateRawBytes(512 * 1024, 7);
   for (int type : {QO_PIX_FMT_H264, QO_PIX_FMT_H265, QO_PIX_FMT_MJPEG}) {
     SCOPED_TRACE(type);
-    FileNode("file", noise, 0, 0, {{"stream-type", type}}).RunToEnd();
+    FileNode("file", noise, 0, 0, type).RunToEnd();
   }
 }
 

@@ -33,12 +33,10 @@ namespace reliability {
 namespace {
 
 using testhost::HostNode;
-using testutil::kSlackMs;
-using testutil::MonotonicMs;
+using namespace testutil;  // NOLINT: clocks, waits and process counts
 
 // How long each call may take, in milliseconds (sanitizer builds add
-// kSlackMs). Stop waits up to 100 x 40 ms for a puller to see the end, then
-// pauses the pipeline.
+// kSlackMs). Stop waits up to 100 x 40 ms for a puller to see the end.
 constexpr int64_t kAtOnceMs = 100;
 constexpr int64_t kStartMs = 3000;
 constexpr int64_t kStopMs = 4500;
@@ -75,12 +73,10 @@ std::string StartSource(bool rtsp, test::TestRtspServer* server, std::string* pa
     EXPECT_TRUE(server->Start()) << server->error();
     return server->Url("h264");
   }
-  testmedia::StreamParams p;
-  p.frames = 300;
   // Snow at 4 Mbit/s: some 5 MB, more than the file decoder's feed queue
   // holds, so that a close comes before the feeder has read the whole file.
-  p.pattern = 1;
-  p.bitrate_kbps = 4000;
+  testmedia::StreamParams p;
+  p.frames = 300, p.pattern = 1, p.bitrate_kbps = 4000;
   *path = testmedia::GenerateStream(p);
   EXPECT_FALSE(path->empty());
   return "file://" + *path;
@@ -96,10 +92,7 @@ struct Source {
 };
 void PrintTo(const Source& s, std::ostream* os) { *os << s.name; }
 const Source kSources[] = {
-    {"RtspTcp", RTSP_TRANS_TCP, true},
-    {"RtspUdp", RTSP_TRANS_UDP, true},
-    {"File", 0, false},
-};
+    {"RtspTcp", RTSP_TRANS_TCP, true}, {"RtspUdp", RTSP_TRANS_UDP, true}, {"File", 0, false}};
 
 class LayerLifecycle : public testing::TestWithParam<Source> {
  protected:
@@ -130,9 +123,8 @@ class LayerLifecycle : public testing::TestWithParam<Source> {
 TEST_P(LayerLifecycle, EveryCallInEveryState) {
   qo_StrmHandle h = Open();
   // Never started: no frame ever comes, stop and close only report.
-  qo_StreamInfo none = Pull(h, "never started");
-  EXPECT_EQ(none.data, nullptr);
-  EXPECT_EQ(none.eos, 1);
+  const qo_StreamInfo none = Pull(h, "never started");
+  EXPECT_TRUE(none.data == nullptr && none.eos == 1);
   EXPECT_EQ(Timed("Stop never started", kAtOnceMs, [&] { return qo_VideoStreamStop(h); }), -1);
   EXPECT_EQ(qo_VideoStreamLastError(h, nullptr, 0), QO_STREAM_OK);
   ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoStreamStart(h); }), 0);
@@ -173,8 +165,7 @@ TEST_P(LayerLifecycle, FailedStartAndCloseWhileStarting) {
   qo_StrmHandle failed = Open();
   qo_VideoStreamCfg(failed, "stream-type", QO_PIX_FMT_JPEG);  // no pipeline for it
   EXPECT_EQ(Timed("Start refused", kAtOnceMs, [&] { return qo_VideoStreamStart(failed); }), -1);
-  qo_StreamInfo none = Pull(failed, "after a failed start");
-  EXPECT_EQ(none.data, nullptr);
+  EXPECT_EQ(Pull(failed, "after a failed start").data, nullptr);
   EXPECT_EQ(qo_VideoStreamStop(failed), -1);
   // Kept as it always was: the record of a never-started stream stays.
   Timed("Close after a failed start", kAtOnceMs, [&] { qo_VideoStreamClose(failed); });
@@ -206,8 +197,7 @@ TEST_P(LayerLifecycle, ServerGone) {
     timed_out = f.data == nullptr && f.eos == 0;
   }
   EXPECT_TRUE(timed_out);
-  EXPECT_TRUE(
-      testutil::WaitUntil([&] { return qo_VideoStreamLastError(h, nullptr, 0) != 0; }, 5000));
+  EXPECT_TRUE(WaitUntil([&] { return qo_VideoStreamLastError(h, nullptr, 0) != 0; }, 5000));
   EXPECT_EQ(Timed("Stop with the server gone", kStopMs, [&] { return qo_VideoStreamStop(h); }), 0);
   Timed("Close with the server gone", kCloseMs, [&] { qo_VideoStreamClose(h); });
 }
@@ -218,31 +208,30 @@ INSTANTIATE_TEST_SUITE_P(Sources, LayerLifecycle, testing::ValuesIn(kSources),
 // ---------------------------------------------------------------------------
 // File decoder layer
 
+// Packets made and released: each exactly once.
+int g_sent = 0;
+std::atomic<int> g_freed{0};
+
 struct Packet {
   qo_VideoStream stream{};
   std::vector<uint8_t> bytes;
-  std::atomic<int>* freed;
 };
 
 // A heap packet that the layer frees through free_func.
-qo_VideoStream* NewPacket(const std::vector<uint8_t>& bytes, std::atomic<int>* freed) {
-  auto* p = new Packet{{}, bytes, freed};
+qo_VideoStream* NewPacket(const std::vector<uint8_t>& bytes) {
+  auto* p = new Packet{{}, bytes};
   p->stream.stream.data = p->bytes.data();
   p->stream.stream.size = static_cast<int32_t>(p->bytes.size());
   p->stream.priv = p;
-  p->stream.free_func = [](void* priv) {
-    auto* packet = static_cast<Packet*>(priv);
-    (*packet->freed)++;
-    delete packet;
-  };
+  p->stream.free_func = [](void* priv) { g_freed++, delete static_cast<Packet*>(priv); };
+  ++g_sent;
   return &p->stream;
 }
 
-int Put(qo_VideoFileHandle h, const std::vector<uint8_t>& bytes, std::atomic<int>* freed,
-        const std::string& state) {
-  qo_VideoStream* s = NewPacket(bytes, freed);
-  const int r = Timed("PutStream " + state, kPullMs,
-                      [&] { return qo_VideoFilePutStream(h, s, kPullS); });
+int Put(qo_VideoFileHandle h, const std::vector<uint8_t>& bytes, const std::string& state) {
+  qo_VideoStream* s = NewPacket(bytes);
+  const int r =
+      Timed("PutStream " + state, kPullMs, [&] { return qo_VideoFilePutStream(h, s, kPullS); });
   if (r == 1) s->free_func(s->priv);  // a time-out leaves the packet with us
   return r;
 }
@@ -255,15 +244,12 @@ qo_StreamInfo PullFile(qo_VideoFileHandle h, const std::string& state, int64_t b
 }
 
 TEST(FileDecoderLifecycle, EveryCallInEveryState) {
-  testmedia::StreamParams params;
-  params.frames = 120;
-  params.width = 640, params.height = 480, params.pattern = 1;  // large: the input fills
+  testmedia::StreamParams params;  // large frames: the input fills
+  params.frames = 120, params.width = 640, params.height = 480, params.pattern = 1;
   const std::vector<testmedia::AccessUnit> units =
       testmedia::ReferenceAccessUnits(testmedia::GenerateStream(params), params.codec);
   ASSERT_EQ(units.size(), 120u);
-  std::atomic<int> freed{0};
-  int sent = 0;
-  testutil::LayerCapture cap;
+  LayerCapture cap;
 
   // Never started: a pull brings nothing and the configured type, a packet
   // waits in the input until close, and a stop ends what never began.
@@ -272,8 +258,7 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
   const qo_StreamInfo none = PullFile(idle, "never started", kAtOnceMs);
   EXPECT_TRUE(none.data == nullptr && none.size == 0 && none.eos == 0 && none.time_stamp == 0);
   EXPECT_EQ(none.format, QO_PIX_FMT_H264);
-  EXPECT_EQ(Put(idle, units[0].data, &freed, "never started"), 0);
-  ++sent;
+  EXPECT_EQ(Put(idle, units[0].data, "never started"), 0);
   EXPECT_EQ(Timed("Stop never started", kFileStopMs, [&] { return qo_VideoFileStop(idle); }), 0);
   Timed("Close never started", kCloseMs, [&] { qo_VideoFileClose(idle); });
 
@@ -286,24 +271,21 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
   EXPECT_EQ(Timed("Start refused", kAtOnceMs, [&] { return qo_VideoFileStart(failed); }), -1);
   EXPECT_EQ(pipeline, nullptr);
   EXPECT_EQ(PullFile(failed, "after a failed start", kAtOnceMs).data, nullptr);
-  EXPECT_EQ(Put(failed, units[0].data, &freed, "after a failed start"), -1);
-  ++sent;
+  EXPECT_EQ(Put(failed, units[0].data, "after a failed start"), -1);
   EXPECT_EQ(qo_VideoFileStop(failed), -1);
   Timed("Close after a failed start", kCloseMs, [&] { qo_VideoFileClose(failed); });
 
   qo_VideoFileHandle h = qo_VideoFileOpen();
   qo_VideoFileCfg(h, "size", 4096);
   ASSERT_EQ(Timed("Start", kStartMs, [&] { return qo_VideoFileStart(h); }), 0);
-
   // Nobody pulls: the pipeline fills up and a push times out with the packet
   // still the caller's. A puller takes three frames, which stay with the
   // host, and the input fills again.
   std::vector<qo_StreamInfo> held;
   for (int round = 0; round < 2; ++round) {
     int timeouts = 0;
-    for (size_t i = 0; i < units.size() && timeouts == 0; ++i, ++sent) {
-      timeouts += Put(h, units[i].data, &freed, "queue filling") == 1;
-    }
+    for (size_t i = 0; i < units.size() && timeouts == 0; ++i)
+      timeouts += Put(h, units[i].data, "queue filling") == 1;
     EXPECT_EQ(timeouts, 1) << "the input never filled up";
     if (round > 0) break;
     gst_element_get_state(static_cast<GstElement**>(h)[0], nullptr, nullptr, 10 * GST_SECOND);
@@ -316,8 +298,7 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
   // Without a limit a put waits for room until the stop wakes it; the push
   // then fails and releases the packet.
   std::atomic<int> blocked_result{99};
-  qo_VideoStream* waiting = NewPacket(units[1].data, &freed);
-  ++sent;
+  qo_VideoStream* waiting = NewPacket(units[1].data);
   std::thread blocked([&] { blocked_result = qo_VideoFilePutStream(h, waiting, 0); });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(blocked_result, 99) << "a put without a limit did not wait";
@@ -327,17 +308,16 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
   // A stopped decoder ends a pull at once instead of waiting out its limit.
   const qo_StreamInfo end = PullFile(h, "stopped", kAtOnceMs);
   EXPECT_TRUE(end.data == nullptr && end.eos == 1);
-  EXPECT_EQ(Put(h, units[0].data, &freed, "stopped"), -1);
-  ++sent;
+  EXPECT_EQ(Put(h, units[0].data, "stopped"), -1);
   Timed("Close with frames held", kCloseMs, [&] { qo_VideoFileClose(h); });
   for (qo_StreamInfo& f : held) {
     EXPECT_GT(f.size, 4);
     qo_VideoFileFrameFree(&f);
   }
-  EXPECT_EQ(freed.load(), sent) << "a packet was not released exactly once";
+  EXPECT_EQ(g_freed.load(), g_sent) << "a packet was not released exactly once";
   const std::string text = cap.Finish();
   // Stops that nobody's pull ended report 800 ms, whatever they waited.
-  EXPECT_EQ(testutil::CountOf(text, "KvVideoFile getting EOS costs:800 ms \n"), 2u);
+  EXPECT_EQ(CountOf(text, "KvVideoFile getting EOS costs:800 ms \n"), 2u);
   for (const char* line :
        {"KvVideoFile: video decoder does not start yet !!!", "Elements could not be linked  !!!",
         "unable to set property stream-type after pipeline has been launched!!!\n",
@@ -363,11 +343,9 @@ struct NodeCase {
   bool rtsp;
 };
 void PrintTo(const NodeCase& n, std::ostream* os) { *os << n.name; }
-const NodeCase kNodes[] = {
-    {"VideoInputRtsp", "qo.mm.video.in", true},
-    {"VideoInputFile", "qo.mm.video.in", false},
-    {"FileInput", "qo.mm.file.in", false},
-};
+const NodeCase kNodes[] = {{"VideoInputRtsp", "qo.mm.video.in", true},
+                           {"VideoInputFile", "qo.mm.video.in", false},
+                           {"FileInput", "qo.mm.file.in", false}};
 
 class NodeLifecycle : public testing::TestWithParam<NodeCase> {
  protected:
@@ -400,7 +378,7 @@ TEST_P(NodeLifecycle, EveryCallInEveryState) {
     Timed("update.para never opened", kAtOnceMs, [&] { node.Call("update.para"); });
     // Opening without a source: fatal for the video node, only logged by
     // the file node; either way the node stays usable.
-    const std::string fatal = testutil::ErrorText([&] { node.Call("open"); });
+    const std::string fatal = ErrorText([&] { node.Call("open"); });
     EXPECT_EQ(fatal.empty(), prefix == "qo.mm.file.in") << fatal;
     Configure(&node);
     testhost::TaskCollector out(64, /*keep_arrays=*/true);
@@ -437,10 +415,7 @@ TEST_P(NodeLifecycle, OpenCloseCyclesLeaveNothingBehind) {
   int threads = 0, fds = 0;
   [[maybe_unused]] int64_t rss = 0;  // not judged under the sanitizers (quarantine)
   for (int i = -5; i < 40; ++i) {
-    if (i == 0) {
-      threads = testutil::ThreadCount(), fds = testutil::OpenFdCount();
-      rss = testutil::ResidentBytes();
-    }
+    if (i == 0) threads = ThreadCount(), fds = OpenFdCount(), rss = ResidentBytes();
     testhost::TaskCollector out(16);
     HostNode node(GetParam().prefix);
     node.thread()->SetTxQue(out.queue(), 0);
@@ -450,11 +425,10 @@ TEST_P(NodeLifecycle, OpenCloseCyclesLeaveNothingBehind) {
     ASSERT_TRUE(out.WaitForFlag(0, 10000)) << "cycle " << i;
     node.Close();
   }
-  testutil::ExpectNoThreadLeft(threads);
-  EXPECT_TRUE(testutil::WaitUntil([&] { return testutil::OpenFdCount() <= fds; }, 5000))
-      << fds << " descriptors before";
+  ExpectNoThreadLeft(threads);
+  EXPECT_TRUE(WaitUntil([&] { return OpenFdCount() <= fds; }, 5000)) << fds << " descriptors";
 #ifndef QO_SANITIZER_BUILD
-  EXPECT_LT(testutil::ResidentBytes() - rss, 8 << 20) << "resident memory grew";
+  EXPECT_LT(ResidentBytes() - rss, 8 << 20) << "resident memory grew";
 #endif
 }
 
