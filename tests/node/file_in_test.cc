@@ -244,15 +244,11 @@ TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
   const std::string fifo = testutil::ScratchDir() + "/feed";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   LogCapture logs(2);
-  TaskCollector out;
-  HostNode node(kPrefix);
-  node.thread()->SetTxQue(out.queue(), 0);
-  node.SetDouble("framerate", 0.0);
-  node.SetInt("stream-type", QO_PIX_FMT_JPEG);
-  node.SetInt("size", 4);
-  node.SetInt("timeout", 1);
-  node.SetString("file", fifo);
-  node.Open();
+  FileNode n([&](HostNode& node) {
+    node.SetInt("stream-type", QO_PIX_FMT_JPEG);
+    node.SetInt("size", 4);
+    node.SetString("file", fifo);
+  });
   struct Writer {  // closed before the node: the feeder waits for it
     int fd = -1;
     ~Writer() {
@@ -273,16 +269,14 @@ TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
   for (size_t frames = 1; frames <= 2; ++frames) {
     const size_t seen = timeouts().size();
     ASSERT_EQ(write(w.fd, "abcd", 4), 4);
-    ASSERT_TRUE(out.WaitFor([&](const Tasks& t) { return t.size() == frames; }, 20000));
+    ASSERT_TRUE(n.out.WaitFor([&](const Tasks& t) { return t.size() == frames; }, 20000));
     ASSERT_TRUE(testutil::WaitUntil([&] { return timeouts().size() > seen; }, 20000));
   }
-  ASSERT_TRUE(out.WaitForFlag(2, 20000));
+  ASSERT_TRUE(n.out.WaitForFlag(2, 20000));
   close(w.fd);  // ends the feeder
   w.fd = -1;
-  node.Close();
-  out.Stop();
   std::vector<int32_t> flags;
-  for (const ReceivedTask& t : out.Tasks()) flags.push_back(t.flag);
+  for (const ReceivedTask& t : n.Finish()) flags.push_back(t.flag);
   EXPECT_EQ(flags, (std::vector<int32_t>{0, 0, 2}));
   // A loaded machine may let one more pull time out before a frame arrives.
   const std::vector<int> left = timeouts();
@@ -302,24 +296,16 @@ TEST(FileInputApi, NullHandlesSecondOpenAndRestart) {
 
   const Media first = H264(3), second = H264(4);
   LogCapture logs(1);
-  TaskCollector out;
-  {
-    HostNode node(kPrefix);
-    node.thread()->SetTxQue(out.queue(), 0);
-    node.SetDouble("framerate", 0.0);
-    node.SetString("file", first.path);
-    node.Open();
-    node.SetString("file", second.path);
-    node.Open();
-    ASSERT_TRUE(out.WaitForFlag(1, 60000));
-    node.Close();
-    node.Open();
-    ASSERT_TRUE(out.WaitFor([](const Tasks& t) { return CountFlag(t, 1) == 2; }, 60000));
-  }
-  out.Stop();
+  FileNode n([&](HostNode& node) { node.SetString("file", first.path); });
+  n.node.SetString("file", second.path);
+  n.node.Open();
+  ASSERT_TRUE(n.out.WaitForFlag(1, 60000));
+  n.node.Close();
+  n.node.Open();
+  ASSERT_TRUE(n.out.WaitFor([](const Tasks& t) { return CountFlag(t, 1) == 2; }, 60000));
+  EXPECT_EQ(CountFlag(n.Finish(), 0), 2 * first.units.size());
   EXPECT_EQ(logs.Count(": restart video_in !!!\n"), 1u);
   EXPECT_EQ(Opened(logs), (Paths{first.path, first.path}));
-  EXPECT_EQ(out.Count(0), 2 * first.units.size());
 }
 
 TEST(FileInputStream, SyncModeHandsFramesToTheOwner) {

@@ -1,8 +1,8 @@
-// The live-stream layer (qo_VideoStream*) and the video input node against
-// RTSP servers that fail, each fault once per level. With reconnection the
-// frames resume without any action of the caller and nothing ends the
-// stream; a server gone for good, or any loss with reconnection off, ends it
-// with one task. Close is prompt in every state and leaves no thread behind.
+// The live-stream layer and the video input node against RTSP servers that
+// fail, each fault once per level. With reconnection the frames resume and
+// nothing ends the stream; a server gone for good, or any loss with
+// reconnection off, ends it with one task. Close is prompt in every state
+// and leaves no thread behind.
 #include <gst/rtsp-server/rtsp-server.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -29,8 +29,6 @@ constexpr int64_t kPromptMs = 1000 + kSlackMs;
 // The layer's stop waits up to 4 s for a puller that is no longer there.
 constexpr int64_t kUnpulledStopMs = 4000 + kPromptMs;
 
-void Sleep(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
-
 // An RTSP server in this process whose sender can end its streams with RTCP
 // BYE, which qo-rtsp-server cannot do; each connection gets a stream of its own.
 class ByeServer {
@@ -43,13 +41,12 @@ class ByeServer {
         "( videotestsrc is-live=true ! video/x-raw,width=320,height=240,framerate=30/1 ! "
         "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15 ! "
         "rtph264pay name=pay0 pt=96 config-interval=1 )");
-    gst_rtsp_media_factory_set_shared(factory, FALSE);
     g_signal_connect(factory, "media-configure",
                      G_CALLBACK(+[](GstRTSPMediaFactory*, GstRTSPMedia* m, ByeServer* self) {
                        std::lock_guard<std::mutex> lock(self->mu_);
                        self->medias_.push_back(GST_RTSP_MEDIA(g_object_ref(m)));
                      }),
-                     this);
+                     this);  // not shared: one media per connection
     GstRTSPMountPoints* mounts = gst_rtsp_server_get_mount_points(server_);
     gst_rtsp_mount_points_add_factory(mounts, "/h264", factory);
     g_object_unref(mounts);
@@ -67,11 +64,9 @@ class ByeServer {
       gst_rtsp_server_client_filter(
           server_, [](auto, auto, auto) { return GST_RTSP_FILTER_REMOVE; }, nullptr);
       g_source_destroy(g_main_context_find_source_by_id(context_, source_));
-      while (g_main_context_iteration(context_, FALSE)) {
-      }
+      while (g_main_context_iteration(context_, FALSE)) continue;
       for (GstRTSPMedia* m : medias_) gst_rtsp_media_unprepare(m), g_object_unref(m);
-      while (g_main_context_iteration(context_, FALSE)) {
-      }
+      while (g_main_context_iteration(context_, FALSE)) continue;
       g_main_context_pop_thread_default(context_);
     });
   }
@@ -177,8 +172,7 @@ class Stream {
     }
     const int64_t ms = MonotonicMs() - t0;
     out_.Stop();
-    node_.reset();
-    h_ = nullptr;
+    node_.reset(), h_ = nullptr;
     return ms;
   }
 
@@ -240,7 +234,7 @@ TEST_P(RtspFaultTest, Outcome) {
   ASSERT_TRUE((fault != kRefuse && fault != kAwayRefusing) ||
               (server_->Refuse() && server_->Drop()));
   if (fault == kFreeze || fault == kAwayFrozen) server_->Freeze();
-  Sleep(kOutageMs[fault]);
+  std::this_thread::sleep_for(std::chrono::milliseconds(kOutageMs[fault]));
   ASSERT_TRUE((fault != kRestart && fault != kNoReconnect) || server_->Start()) << server_->error();
   ASSERT_TRUE(fault != kRefuse || server_->Accept()) << server_->error();
   if (fault == kFreeze) server_->Thaw();
@@ -252,7 +246,7 @@ TEST_P(RtspFaultTest, Outcome) {
     EXPECT_EQ(s.status(), 0) << "the outage ended the stream";
   }
   if (fault == kNoReconnect) {
-    Sleep(4000);
+    std::this_thread::sleep_for(std::chrono::seconds(4));
     EXPECT_LE(s.frames(), before + 2) << "frames resumed without reconnection";
     EXPECT_TRUE(level == kLayer || s.status() != 0) << "no end task";
   }

@@ -1,15 +1,6 @@
 // The framework's host (core/qo_host.h) for node tests, with libqosdkmm of
 // the build tree loaded first, and a collector of the tasks a node sends.
-//
-//   qo::testhost::HostNode node("qo.mm.file.in");   // calls "<prefix>.create"
-//   qo::testhost::TaskCollector out;                 // a drained TaskQueue
-//   node.thread()->SetTxQue(out.queue(), 0);
-//   node.SetString("file", path);
-//   node.Open();
-//   out.WaitForFlag(1, 20000);
-//   node.Close();
-//
-// Link the static library `qotesthost`.
+// Link `qotesthost`.
 #ifndef QO_TESTS_SUPPORT_HOST_TEST_HOST_H_
 #define QO_TESTS_SUPPORT_HOST_TEST_HOST_H_
 
@@ -30,14 +21,11 @@
 namespace qo {
 namespace testhost {
 
-// Loads the library from the build tree once per process (see
-// qo::LoadNodeLibrary). "" on success, else the loader's message.
+// Loads the build tree's library once per process: "" or the loader's message.
 std::string LoadSdk();
-// The global function registered as name, the library loaded first; throws
-// qo::Error when missing.
+// The global function `name`, the library loaded first; throws qo::Error.
 const PackedFunc& Func(const std::string& name);
-
-// name, once the library is loaded; throws qo::Error when it cannot be.
+// `name`, once the library is loaded; throws qo::Error when it cannot be.
 const std::string& Loaded(const std::string& name);
 
 // qo::HostNode with the library of the build tree loaded first.
@@ -55,11 +43,10 @@ struct ReceivedTask {
   std::chrono::steady_clock::time_point arrival;
 };
 
-// A TaskQueue drained by its own thread; each task is recorded and then
-// disposed of through its type's functions, as the framework does.
+// A TaskQueue drained by its own thread; each task is recorded (with a
+// reference to its array if keep_arrays) and disposed of as the framework does.
 class TaskCollector {
  public:
-  // keep_arrays: hold a reference to every task's array.
   explicit TaskCollector(size_t capacity = 8, bool keep_arrays = false);
   ~TaskCollector() { Stop(); }
   TaskQueue* queue() { return &queue_; }

@@ -1,12 +1,6 @@
-// Test streams encoded at test time with GStreamer's own encoders and cached
-// in the build tree (each file is written under a private name and renamed
-// into place), and the parser's own access units to compare against.
-//
-//   qo::testmedia::StreamParams p;  // 320x240, 30 frames, H.264
-//   std::string path = qo::testmedia::GenerateStream(p);   // "" on failure
-//   auto ref = qo::testmedia::ReferenceAccessUnits(path, p.codec);
-//
-// Any thread may call these; they call gst_init themselves.
+// Test streams encoded at test time with GStreamer's own encoders, cached in
+// the build tree, and the parser's own access units to compare against. Any
+// thread may call these; they call gst_init themselves.
 #ifndef QO_TESTS_SUPPORT_MEDIA_TEST_MEDIA_H_
 #define QO_TESTS_SUPPORT_MEDIA_TEST_MEDIA_H_
 

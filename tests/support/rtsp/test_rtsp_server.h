@@ -18,9 +18,8 @@ namespace test {
 class TestRtspServer {
  public:
   struct Options {
-    // Stream arguments as qo-rtsp-server takes them, e.g.
-    // "h264=h264,size=320x240,fps=30" or "clip=h265,file=/path/clip.h265".
-    // Empty: /h264, /h265 and /mjpeg live test patterns at 320x240@30.
+    // As qo-rtsp-server takes them ("h264=h264,size=320x240,fps=30"); empty:
+    // /h264, /h265 and /mjpeg live test patterns at 320x240@30.
     std::vector<std::string> streams;
     std::string user;  // basic authentication when not empty
     std::string password;
