@@ -74,6 +74,7 @@ enum {
   PROP_RETRY_DELAY_MIN,
   PROP_RETRY_DELAY_MAX,
   PROP_RECOVER_AT_KEY,
+  PROP_GAPS,
 };
 
 /* The connection as the watch follows it. */
@@ -137,6 +138,7 @@ struct _GstLive555Src {
   gboolean need_keyframe;      /* nothing passes before this connection's first key frame */
   Live555Codec codec;          /* of the current depayloader */
   GByteArray* pending_headers; /* parameter sets seen while waiting for it */
+  guint64 gaps;                /* data lost inside a connection, since creation */
 
   /* Connection state, followed by the watch (all under lock). */
   GCond watch_cond;            /* a timer callback or an action ended */
@@ -435,6 +437,8 @@ static GstPadProbeReturn live555_src_depay_probe(GstPad* pad, GstPadProbeInfo* i
     return GST_PAD_PROBE_DROP;
   }
   self->last_data = g_get_monotonic_time();
+  /* A connection's first unit is flagged too; only later ones mark a loss. */
+  if (discont && self->conn == CONN_STREAMING) self->gaps++;
   if (self->conn == CONN_CONNECTING) {
     /* Reported with the attempt that made it; the next loss counts anew. */
     live555_src_set_conn_locked(self, CONN_STREAMING, 0);
@@ -1271,6 +1275,11 @@ static void gst_live555_src_get_property(GObject* object, guint prop_id, GValue*
                           prop_id == PROP_RECONNECT ? self->reconnect : self->recover_at_key);
       g_mutex_unlock(&self->lock);
       break;
+    case PROP_GAPS:
+      g_mutex_lock(&self->lock);
+      g_value_set_uint64(value, self->gaps);
+      g_mutex_unlock(&self->lock);
+      break;
     case PROP_TIMEOUT:
     case PROP_CONNECT_TIMEOUT:
     case PROP_RETRY_DELAY_MIN:
@@ -1449,6 +1458,20 @@ static void gst_live555_src_class_init(GstLive555SrcClass* klass) {
       g_param_spec_boolean("recover-at-key", "Recover at key frame",
                            "After lost packets, hold everything back until the next key frame",
                            DEFAULT_RECOVER_AT_KEY, rw_playing));
+  /**
+   * GstLive555Src:gaps:
+   *
+   * How many times data went missing inside a connection since the element
+   * was created: each unit the depayloader marks as following lost packets
+   * counts once, however many packets were lost. Reconnections are not
+   * gaps (they are counted by the host from the state messages). A host
+   * with many cameras reads it to tell a slow or lossy stream from a
+   * healthy one.
+   */
+  g_object_class_install_property(
+      gobject_class, PROP_GAPS,
+      g_param_spec_uint64("gaps", "Gaps", "Losses of data inside a connection since creation", 0,
+                          G_MAXUINT64, 0, G_PARAM_READABLE | G_PARAM_STATIC_STRINGS));
 
   gst_element_class_add_static_pad_template(element_class, &src_template);
   gst_element_class_set_static_metadata(element_class, "RTSP video source", "Source/Network",

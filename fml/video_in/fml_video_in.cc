@@ -167,11 +167,11 @@ std::string VideoInput::StatsJson() const {
   char buf[256];
   snprintf(buf, sizeof(buf),
            "{\"frames\":%llu,\"bytes\":%llu,\"timeouts\":%llu,\"timeout_tasks\":%llu,"
-           "\"reconnects\":%llu",
+           "\"reconnects\":%llu,\"gaps\":%llu",
            static_cast<unsigned long long>(s.frames), static_cast<unsigned long long>(s.bytes),
            static_cast<unsigned long long>(s.timeouts),
            static_cast<unsigned long long>(timeout_tasks),
-           static_cast<unsigned long long>(s.reconnects));
+           static_cast<unsigned long long>(s.reconnects), static_cast<unsigned long long>(s.gaps));
   std::string out = buf;
   JsonAgeMs(&out, "last_age_ms", s.last_age_ns);
   JsonAgeMs(&out, "median_age_ms", s.median_age_ns);

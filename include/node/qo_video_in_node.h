@@ -70,7 +70,7 @@ class QO_EXPORT VideoInput : public Thread {
   // meant to be read every second for every node.
   void Stats(qo_StreamStats* stream, uint64_t* timeout_tasks) const;
   // The same as one JSON object with stable keys: "frames", "bytes",
-  // "timeouts", "timeout_tasks", "reconnects", "last_age_ms",
+  // "timeouts", "timeout_tasks", "reconnects", "gaps", "last_age_ms",
   // "median_age_ms" (null until a sender-stamped frame), "reason_code",
   // "reason".
   std::string StatsJson() const;

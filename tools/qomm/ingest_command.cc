@@ -100,6 +100,8 @@ const char* const kFamilies[][3] = {
     {"qomm_stream_timeout_tasks_total", "counter",
      "Time-out tasks the node sent after its retry budget ran out."},
     {"qomm_stream_reconnects_total", "counter", "Reconnection attempts of the RTSP source."},
+    {"qomm_stream_gaps_total", "counter",
+     "Losses of data inside a connection (each run of lost packets once)."},
     {"qomm_stream_last_frame_age_seconds", "gauge",
      "Age of the last frame against the sender's clock (NaN: not known)."},
     {"qomm_stream_median_frame_age_seconds", "gauge",
@@ -116,7 +118,7 @@ GString* Exposition(const std::vector<Camera>& cams) {
     const Reading r = Read(c);
     values.push_back({std::to_string(r.s.frames), std::to_string(r.s.bytes),
                       std::to_string(r.s.timeouts), std::to_string(r.timeout_tasks),
-                      std::to_string(r.s.reconnects), Age(r.s.last_age_ns, 1e9, "%.6f", "NaN"),
+                      std::to_string(r.s.reconnects), std::to_string(r.s.gaps), Age(r.s.last_age_ns, 1e9, "%.6f", "NaN"),
                       Age(r.s.median_age_ns, 1e9, "%.6f", "NaN"), std::to_string(r.s.reason),
                       MaskPasswords(r.s.reason_text)});
   }
@@ -184,7 +186,7 @@ void Show(std::vector<Camera>* cams, double secs, bool table) {
   snprintf(line, sizeof(line), "\033[H\033[2J%4s %-40s %8s %6s %9s %5s %5s %9s %s\n", "#", "url",
            "frames", "fps", "MiB", "t/o", "recon", "age ms", "reason");
   std::string out = table ? line : "";
-  unsigned long long frames = 0, delivering = 0, failing = 0;
+  unsigned long long frames = 0, delivering = 0, failing = 0, gaps = 0;
   for (size_t i = 0; i < cams->size(); ++i) {
     Camera& c = (*cams)[i];
     const Reading r = Read(c);
@@ -193,6 +195,7 @@ void Show(std::vector<Camera>* cams, double secs, bool table) {
     frames += r.s.frames;
     delivering += r.s.frames > 0;
     failing += r.s.reason != 0;
+    gaps += r.s.gaps;
     if (!table || static_cast<int>(i) >= rows - 1) continue;
     std::string shown = c.shown.size() > 40 ? "..." + c.shown.substr(c.shown.size() - 37) : c.shown;
     snprintf(line, sizeof(line),
@@ -203,8 +206,8 @@ void Show(std::vector<Camera>* cams, double secs, bool table) {
     out += line;
   }
   snprintf(line, sizeof(line),
-           "%zu streams: %llu delivering, %llu frames, %llu with a failure reason\n", cams->size(),
-           delivering, frames, failing);
+           "%zu streams: %llu delivering, %llu frames, %llu gaps, %llu with a failure reason\n",
+           cams->size(), delivering, frames, gaps, failing);
   fputs((out + line).c_str(), stdout);
   fflush(stdout);
 }

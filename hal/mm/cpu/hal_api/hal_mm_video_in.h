@@ -89,6 +89,8 @@ typedef struct {
   int64_t median_age_ns;  /* median age over the last 32 stamped frames */
   int reason;             /* qo_VideoStreamLastError's code */
   char reason_text[256];  /* and its text */
+  uint64_t gaps;          /* RTSP: losses of data inside a connection (each
+                             run of lost packets once); 0 for other sources */
 } qo_StreamStats;
 
 /* Copies the stream's counters into *stats: 0, or -1 for a NULL argument.

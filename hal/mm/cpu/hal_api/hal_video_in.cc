@@ -419,6 +419,7 @@ int PiplineInstall(MultiStreamPipeline* proxy) {
     }
     SetIntProperty(proxy->live555src, "max-bytes", kRtspMaxBytes);
     SetIntProperty(proxy->live555src, "protocols", proxy->rtsp_trans);
+    proxy->stat_source.store(proxy->live555src, std::memory_order_release);
   }
 
   proxy->appsink = gst_bin_get_by_name(GST_BIN(proxy->pl), "appsink");
@@ -460,6 +461,7 @@ int PiplineUninstall(MultiStreamPipeline* proxy) {
       return 0;
     }
   }
+  proxy->stat_source.store(nullptr, std::memory_order_relaxed);
   if (proxy->protocol == kProtoRtsp && proxy->live555src) gst_object_unref(proxy->live555src);
   proxy->state.store(-1, std::memory_order_relaxed);
   if (proxy->appsink) gst_object_unref(proxy->appsink);
@@ -661,6 +663,10 @@ int qo_VideoStreamGetStats(qo_StrmHandle handle, qo_StreamStats* stats) {
   stats->median_age_ns = n ? ages[n / 2] : -1;
   stats->reason = qo_VideoStreamLastError(handle, stats->reason_text,
                                           static_cast<int>(sizeof(stats->reason_text)));
+  guint64 gaps = 0;
+  if (GstElement* src = proxy->stat_source.load(std::memory_order_acquire))
+    g_object_get(src, "gaps", &gaps, nullptr);
+  stats->gaps = gaps;
   return 0;
 }
 

@@ -82,6 +82,8 @@ struct MultiStreamPipeline {
   std::atomic<uint64_t> stat_reconnects;
   std::atomic<uint64_t> stat_aged;  // stamped frames seen; next ring slot
   std::atomic<int64_t> stat_ages[kStatAgeRing];
+  // live555src once installed (its "gaps"), for readers on other threads.
+  std::atomic<GstElement*> stat_source;
   // 1 from a start until the first frame (or the close): the stream's
   // sockets may still be opened, see DescriptorsLeft.
   std::atomic<int> starting;
