@@ -8,7 +8,8 @@
 #
 # Environment: BUILD (default build/release), RUNS (repetitions, default 5),
 # STREAMS (1080p30 scale steps, default 16,64,256), STREAMS_360 (360p30 scale
-# steps, default 64,256,1000), CYCLES (churn, default 1000), AREAS (default
+# steps, default 64,256,1000), SCALE_ROUNDS (interleaved rounds per scale step,
+# the median kept, default 3), CYCLES (churn, default 1000), AREAS (default
 # all: throughput latency startstop scale churn; e.g. AREAS=scale).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -19,6 +20,7 @@ STREAMS=${STREAMS:-16,64,256}
 STREAMS_360=${STREAMS_360:-64,256,1000}
 AREAS=${AREAS:-throughput latency startstop scale churn}
 CYCLES=${CYCLES:-1000}
+SCALE_ROUNDS=${SCALE_ROUNDS:-3}
 MEDIA=$BUILD/bench-media
 OUT=$BUILD/bench-out
 started=$(date +%s)
@@ -111,9 +113,9 @@ case " $AREAS " in *" throughput "*)
 esac
 run latency --runs "$RUNS" --url "$url" --seconds 8
 run startstop --runs "$RUNS" --url "$url" --h264 "$H264"
-run scale --streams "$STREAMS" --url "$url" --seconds 10 --server-pid "$server_pid" \
+run scale --rounds "$SCALE_ROUNDS" --streams "$STREAMS" --url "$url" --seconds 10 --server-pid "$server_pid" \
   --label 1080p30 --target-at 64
-run scale --streams "$STREAMS_360" --url "$url_360" --seconds 10 --server-pid "$server_pid" \
+run scale --rounds "$SCALE_ROUNDS" --streams "$STREAMS_360" --url "$url_360" --seconds 10 --server-pid "$server_pid" \
   --label 360p30 --target-at 256
 run churn --cycles "$CYCLES" --url "$url" --h264 "$H264"
 
