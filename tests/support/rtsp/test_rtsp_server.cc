@@ -6,19 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-
 namespace qo {
 namespace test {
-namespace {
 
-int64_t NowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
+static int64_t NowMs() { return g_get_monotonic_time() / 1000; }
 
 bool TestRtspServer::Start() {
   if (pid_ > 0) return true;
