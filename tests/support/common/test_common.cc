@@ -85,7 +85,8 @@ void ExpectNoThreadLeft(int before) {
   for (const char* name : {"strm_out", "strm_in", "Gstloop", "live555src", "bye-rtsp-srv"})
     EXPECT_EQ(ThreadCount(name), 0) << name;
   EXPECT_TRUE(WaitUntil([&] { return ThreadCount() <= before + 2; }, 5000))
-      << before << " threads before, now:\n" << ThreadNames();
+      << before << " threads before, now:\n"
+      << ThreadNames();
 }
 
 std::string ScratchDir() {
