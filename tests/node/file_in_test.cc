@@ -236,10 +236,9 @@ TEST(FileInputStream, PassThroughShapesByPixelFormat) {
   }
 }
 
-// Pulls that bring nothing are allowed three times in a row; the third sends
-// the one time-out task (status 2) and ends the output. A frame restores the
-// allowance. A FIFO as the file holds the feeder between packets of the
-// pass-through type (one packet, one frame); each time-out logs what is left.
+// Three empty pulls in a row send the one time-out task (status 2) and end
+// the output; a frame restores the allowance. A FIFO holds the feeder between
+// pass-through packets (one packet, one frame).
 TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
   const std::string fifo = testutil::ScratchDir() + "/feed";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -348,11 +347,9 @@ class FileInputFaultTest : public ::testing::Test {
   const int threads_before_ = testutil::ThreadCount();
 };
 
-// Deleted while read, the open file stays readable to its end and the next
-// pass finds nothing; looping endlessly, the output ends after its
-// time-outs. Truncated while read (beyond what the reader has taken: the
-// decoder's 1 MiB input and a 256 KiB packet), the run ends where the file
-// now ends.
+// Deleted while read: the open file reads to its end, the next pass finds
+// nothing (endless loops time out). Truncated beyond what the reader has
+// taken (1 MiB input, 256 KiB packet): the run ends at the new end.
 TEST_F(FileInputFaultTest, FileDeletedOrTruncatedWhileRead) {
   testmedia::StreamParams p;  // 320x240 snow at a high rate: large frames
   p.frames = 150;

@@ -82,9 +82,7 @@ std::string StartSource(bool rtsp, test::TestRtspServer* server, std::string* pa
   return "file://" + *path;
 }
 
-// ---------------------------------------------------------------------------
-// Live-stream layer
-
+// Live-stream layer.
 struct Source {
   const char* name;
   int transport;  // RTSP only
@@ -205,9 +203,7 @@ TEST_P(LayerLifecycle, ServerGone) {
 INSTANTIATE_TEST_SUITE_P(Sources, LayerLifecycle, testing::ValuesIn(kSources),
                          [](const testing::TestParamInfo<Source>& p) { return p.param.name; });
 
-// ---------------------------------------------------------------------------
-// File decoder layer
-
+// File decoder layer.
 // Packets made and released: each exactly once.
 int g_sent = 0;
 std::atomic<int> g_freed{0};
@@ -325,9 +321,7 @@ TEST(FileDecoderLifecycle, EveryCallInEveryState) {
     EXPECT_NE(text.find(line), std::string::npos) << line;
 }
 
-// ---------------------------------------------------------------------------
-// Nodes, driven through their registered functions
-
+// Nodes, driven through their registered functions.
 // A queue nobody empties: the node's output blocks on it.
 struct FullQueue {
   TaskQueue queue{2};

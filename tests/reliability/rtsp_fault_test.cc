@@ -122,9 +122,8 @@ const char* const kFaultNames[] = {"restart",       "drop",        "refuse",    
                                    "away_refusing", "away_frozen", "no_reconnect", "gone"};
 const int kOutageMs[] = {3000, 0, 2000, 3000, 0, 1500, 2500, 0, 0};
 
-// One H.264 stream from `url`: the video input node on port 0 of a
-// collector, or the layer pulled on a thread with a 1 s time-out as the
-// node's output thread does.
+// One H.264 stream: the video input node, or the layer pulled on a thread
+// with a 1 s time-out as the node's output thread does.
 class Stream {
  public:
   Stream(Level level, int trans, const std::string& url, int timeout_s = 3) : url_(url) {
@@ -214,15 +213,10 @@ class RtspFaultTest : public ::testing::TestWithParam<std::tuple<Level, Fault>> 
   const int threads_before_ = ThreadCount();
 };
 
-// The camera reboots (killed, back on the same port 3 s later), drops its
-// clients, refuses them for 2 s, freezes for 3 s, or ends its stream with
-// BYE: frames resume on the same stream or node, no end task goes out, and
-// close while it still pulls is prompt. So is close while the source retries
-// against a refusing server or waits for a frozen one. Reconnection off (a
-// source property after the URL), a lost server ends the stream, one that
-// comes back is not used, and the node sends one end task; a server gone for
-// good ends a reconnecting node with one status-2 task once its time-out
-// budget is spent.
+// Restart, drop, refusal, freeze or BYE: frames resume, no end task, close
+// is prompt (also while retrying against a refusing or frozen server).
+// Reconnection off (a source property after the URL): the stream ends and a
+// returning server is not used. Gone for good: one status-2 task.
 TEST_P(RtspFaultTest, Outcome) {
   const Level level = std::get<0>(GetParam());
   const Fault fault = std::get<1>(GetParam());
@@ -274,10 +268,8 @@ INSTANTIATE_TEST_SUITE_P(EachFaultAtEachLevel, RtspFaultTest, ::testing::ValuesI
                                   kFaultNames[std::get<1>(p.param)];
                          });
 
-// With the soft descriptor limit at 1024, video input nodes are opened until
-// one cannot be. That one fails at once with "too many open files" as its
-// reason; every stream opened before it keeps delivering at its frame rate,
-// its counters moving.
+// At a soft descriptor limit of 1024, the first node that cannot open fails
+// at once saying why; every stream opened before it keeps its frame rate.
 constexpr int kMaxStreams = 200;  // far more than 1024 descriptors hold (about 14 each)
 constexpr int kMeasureSeconds = 3;
 
