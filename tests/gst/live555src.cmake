@@ -8,7 +8,7 @@ qo_add_gtest(live555keygate_test
 if(TARGET qotestrtsp)
   qo_add_gtest(live555src_test
     SOURCES ${CMAKE_CURRENT_LIST_DIR}/live555src_test.cc
-    LIBS qolive555src qotestrtsp PkgConfig::GST
+    LIBS qolive555src qotestrtsp qotestcommon PkgConfig::GST
     LABELS gst)
   # The registration cases load the plugin module of this build.
   if(TARGET gstlive555src)
