@@ -45,6 +45,7 @@ TEST(VideoInputApi, FatalStartsAndFrameArrays) {
       {QO_PIX_FMT_NV21, 6, 5, 42, {7, 6}, 2},  // 5 * 3 / 2 rows, truncated
       {QO_PIX_FMT_YUV422_UYVY, 8, 4, 64, {8, 8}, 2},
       {QO_PIX_FMT_H264, 320, 240, 5000, {5000}, 3},
+      {QO_PIX_FMT_MJPEG, 320, 240, 900, {900}, 3},
       {QO_PIX_FMT_NV12, 64, 64, 100, {100}, 2},  // picture larger than its buffer
       {QO_PIX_FMT_GRAY8, 16, 16, 256, {}, 0},
   };
@@ -69,33 +70,24 @@ TEST(VideoInputApi, FatalStartsAndFrameArrays) {
   }
 }
 
-std::string H264File(int width, int height, int frames) {
-  testmedia::StreamParams p;
-  p.width = width, p.height = height, p.frames = frames;
-  if (frames == 30) p.b_frames = 2, p.slices = 4;  // the file decoder test's stream
-  return testmedia::GenerateStream(p);
+// A null node is logged by every function, at 3 or 4 by function, and
+// otherwise ignored.
+TEST(VideoInputApi, NullHandlesLogAtThreeOrFour) {
+  ExpectNullHandleSeverities(
+      "qo.mm.video.in", "VideoInput", [](const std::string& verb, const PackedFunc& f) {
+        // Arguments are converted before the null test: each of its kind.
+        verb == "set.attr.string" ? f(nullptr, "uri", "x") : f(nullptr, "width", 1);
+      });
 }
 
 // After each sent frame of a file the thread sleeps 1000 / "framerate" ms;
 // 0 means no pacing. Every access unit as the parser sees it, with its
 // decoding time, then one status-1 task. In sync mode the host pulls them
 // and nothing is sent.
-// A null node is logged by every function, at 3 or 4 by function, and
-// otherwise ignored.
-TEST(VideoInputApi, NullHandlesLogAtThreeOrFour) {
-  ExpectNullHandleSeverities("qo.mm.video.in", "VideoInput",
-                             [](const std::string& verb, const PackedFunc& f) {
-                               // Arguments are converted before the null test: each of its kind.
-                               if (verb == "set.attr.string") {
-                                 f(nullptr, "uri", "x");
-                               } else {
-                                 f(nullptr, "width", 1);
-                               }
-                             });
-}
-
 TEST(VideoInputFile, PacedAtTheFrameRateThenTheEnd) {
-  const std::string path = H264File(320, 240, 30);
+  testmedia::StreamParams p;
+  p.b_frames = 2, p.slices = 4;
+  const std::string path = testmedia::GenerateStream(p);
   const auto ref = testmedia::ReferenceAccessUnits(path, testmedia::Codec::kH264);
   ASSERT_EQ(ref.size(), 30u);
   for (int run = 0; run < 3; ++run) {  // 30 frames/s, unpaced, sync mode
@@ -161,7 +153,9 @@ TEST(VideoInputFile, RecorderRingOfTwoFilesAndARestartThatSendsNoFrame) {
   for (const std::string& p : paths) unlink(p.c_str());
   TaskCollector port(64, /*keep_arrays=*/true);
   HostNode g("qo.mm.video.in");
-  g.SetString("uri", "file://" + H264File(64, 48, 300));
+  testmedia::StreamParams params;
+  params.width = 64, params.height = 48, params.frames = 300;
+  g.SetString("uri", "file://" + testmedia::GenerateStream(params));
   g.SetInt("stream-id", static_cast<int>(id));
   g.SetInt("save_stream", 1);
   g.SetDouble("framerate", 0.0);
