@@ -12,38 +12,31 @@ import pytest
 import qosdkmm
 from conftest import BUILD_DIR, SAMPLES
 
-
-def cpp_frames(path):
-    """(bytes, pts, format, width, height) of each frame qomm's node hands over."""
-    qomm = BUILD_DIR / "tools" / "qomm"
-    if not qomm.exists():
-        pytest.skip(f"{qomm} is not built")
-    out = subprocess.run([str(qomm), "play", str(path), "--framerate", "0", "--json", "-q"],
-                         capture_output=True, text=True, timeout=60, check=True).stdout
-    tasks = [json.loads(line) for line in out.splitlines() if line.startswith("{")]
-    return [(t["bytes"], t["pts"], t["format"], t["width"], t["height"])
-            for t in tasks if t["status"] == 0]
+PARSERS = {"h264": "h264parse ! video/x-h264,stream-format=byte-stream,alignment=au",
+           "h265": "h265parse ! video/x-h265,stream-format=byte-stream,alignment=au",
+           "mjpeg": "jpegparse ! image/jpeg"}
 
 
 @pytest.mark.parametrize("codec", ["h264", "h265", "mjpeg"])
 def test_frames_equal_the_cpp_node_and_the_parser(codec, gst_launch, tmp_path):
+    qomm = BUILD_DIR / "tools" / "qomm"
+    if not qomm.exists():
+        pytest.skip(f"{qomm} is not built")
     with qosdkmm.FileInput(SAMPLES[codec], framerate=0) as source:
         frames = list(source)
     got = [(f.nbytes, f.time_stamp, f.format, f.width, f.height) for f in frames]
-    assert len(got) == 90
-    want = cpp_frames(SAMPLES[codec])
+    out = subprocess.run([str(qomm), "play", str(SAMPLES[codec]), "--framerate", "0", "--json",
+                          "-q"], capture_output=True, text=True, timeout=60, check=True).stdout
+    tasks = [json.loads(line) for line in out.splitlines() if line.startswith("{")]
+    want = [(t["bytes"], t["pts"], t["format"], t["width"], t["height"])
+            for t in tasks if t["status"] == 0]
     if codec == "mjpeg":  # JPEG carries no time: the stamps are the reading clock's
         got, want = ([g[:1] + g[2:] for g in x] for x in (got, want))
-    assert got == want
+    assert len(got) == 90 and got == want
     assert {f.kind for f in frames} == {"encoded"}
     assert all(f.wall_time is None for f in frames)  # file stamps are not wall clock
-
-    # The bytes are the access units GStreamer's parser makes of the file.
-    parse = {"h264": "h264parse ! video/x-h264,stream-format=byte-stream,alignment=au",
-             "h265": "h265parse ! video/x-h265,stream-format=byte-stream,alignment=au",
-             "mjpeg": "jpegparse ! image/jpeg"}[codec]
     ref = tmp_path / "units"
-    subprocess.run(f"{gst_launch} -q filesrc location={SAMPLES[codec]} ! {parse} "
+    subprocess.run(f"{gst_launch} -q filesrc location={SAMPLES[codec]} ! {PARSERS[codec]} "
                    f"! filesink location={ref}", shell=True, check=True, timeout=60)
     assert b"".join(bytes(f.data) for f in frames) == ref.read_bytes()
 
@@ -51,8 +44,7 @@ def test_frames_equal_the_cpp_node_and_the_parser(codec, gst_launch, tmp_path):
 def test_lists_loops_and_keyword_parameters():
     h264 = SAMPLES["h264"]
     with qosdkmm.FileInput([h264, h264], framerate=0, stream_id=7) as source:
-        ids = [f.stream_id for f in source]
-    assert ids == [7] * 180
+        assert [f.stream_id for f in source] == [7] * 180
     with qosdkmm.FileInput(h264, loop=2, framerate=0) as source:
         assert sum(1 for _ in source) == 180
     # The codec comes from the file's first bytes unless given.
@@ -73,22 +65,18 @@ def test_frames_are_shared_not_copied_and_outlive_the_input():
     shared = np.from_dlpack(frame)
     assert shared.dtype == np.uint8 and shared.shape == (frame.nbytes,)
     assert shared.ctypes.data == view.ctypes.data == np.from_dlpack(frame).ctypes.data
-    address = ctypes.addressof(ctypes.c_char.from_buffer_copy(b"x"))  # unrelated memory
-    assert shared.ctypes.data != address
+    assert shared.ctypes.data != ctypes.addressof(ctypes.c_char.from_buffer_copy(b"x"))
     assert frame.data.readonly and frame.data.nbytes == frame.nbytes
     assert frame.__dlpack_device__() == (1, 0)
     expected = bytes(frame.data)
     assert expected[:4] == b"\x00\x00\x00\x01"
-
     # The array keeps the node's buffer after the frame, the input and its
     # node are gone, and while the node reuses its other buffers.
-    rest = [bytes(f.data) for f in source]
+    assert len([bytes(f.data) for f in source]) == 89
     source.close()
     del frame, view, source
     gc.collect()
     assert shared.tobytes() == expected
-    assert len(rest) == 89
-
     # A capsule nobody consumed frees its reference by itself.
     with qosdkmm.FileInput(SAMPLES["h264"], framerate=0) as source:
         capsule = list(source)[0].__dlpack__()

@@ -17,10 +17,7 @@ def iterate_in_thread(source):
     result = {}
 
     def run():
-        try:
-            result["frames"] = sum(1 for _ in source)
-        except Exception as e:  # noqa: BLE001 - handed to the test
-            result["error"] = e
+        result["frames"] = sum(1 for _ in source)  # an exception leaves no count
         result["ended"] = time.monotonic()
 
     thread = threading.Thread(target=run, name="qo-test-loop")
@@ -43,10 +40,7 @@ def test_close_wakes_a_waiting_loop_while_others_run(rtsp_server):
         closing = time.monotonic()
         live.close()
         waiting.join(5)
-        assert not waiting.is_alive()
-        assert "error" not in waited
-        print(f"close during iteration: {waited['ended'] - closing:.3f} s")
-        assert waited["ended"] - closing < 1
+        assert "frames" in waited and waited["ended"] - closing < 1
     finally:
         os.kill(server.proc.pid, signal.SIGCONT)
     live.close()  # again: nothing happens
@@ -63,12 +57,11 @@ def test_collection_and_interpreter_exit_close_the_nodes(rtsp_server):
     assert process_status()[1] <= threads
 
     server = rtsp_server("h264=h264")
-    program = ("import sys, threading, qosdkmm\n"
+    program = ("import threading, qosdkmm\n"
                f"live = qosdkmm.VideoInput({server.url('h264')!r}, stream_type='h264')\n"
                f"paced = qosdkmm.FileInput({str(SAMPLES['h264'])!r}, loop=-1)\n"
                "next(live), next(paced)\n"
-               "t = threading.Thread(target=lambda: [f for f in live], daemon=True)\n"
-               "t.start()\n"
+               "threading.Thread(target=lambda: [f for f in live], daemon=True).start()\n"
                "print('running', flush=True)\n")
     started = time.monotonic()
     done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True,
@@ -78,17 +71,15 @@ def test_collection_and_interpreter_exit_close_the_nodes(rtsp_server):
 
 
 def test_open_close_cycles_leave_memory_and_threads_flat(rtsp_server):
-    server = rtsp_server("h264=h264")
-    url = server.url("h264")
+    url = rtsp_server("h264=h264").url("h264")
 
     def cycle(i):
         if i % 2:
             with qosdkmm.VideoInput(url, stream_type="h264") as source:
-                frame = next(source)
+                assert next(source).nbytes > 0
         else:  # to the end: an unpaced file node closed midway waits out a pull
             with qosdkmm.FileInput(SAMPLES["h264"], framerate=0) as source:
-                frame = list(source)[-1]
-        assert frame.nbytes > 0
+                assert list(source)[-1].nbytes > 0
 
     for i in range(20):  # warm-up: caches, GStreamer's registry and plugins
         cycle(i)
@@ -99,5 +90,4 @@ def test_open_close_cycles_leave_memory_and_threads_flat(rtsp_server):
     gc.collect()
     rss, threads = process_status()
     print(f"200 cycles: RSS {rss0:.1f} -> {rss:.1f} MiB, threads {threads0} -> {threads}")
-    assert threads == threads0
-    assert rss - rss0 < 8
+    assert threads == threads0 and rss - rss0 < 8
