@@ -24,16 +24,12 @@ void Collect(const char* text, void*) {
 }
 
 void PlayStream(const std::string& path) {
-  const std::string uri = "file://" + path;
+  const std::string uri = "file://" + path;  // the layer may keep the pointer
   qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
   qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
   if (qo_VideoStreamStart(h) != 0) return;
-  for (;;) {
-    qo_StreamInfo info{};
-    qo_VideoStreamGetFrame(h, &info, 3);
-    if (info.data == nullptr) break;
+  for (qo_StreamInfo info{}; qo_VideoStreamGetFrame(h, &info, 3), info.data != nullptr; info = {})
     qo_VideoStreamFrameFree(&info);
-  }
   qo_VideoStreamStop(h);
   qo_VideoStreamClose(h);
 }
@@ -46,12 +42,8 @@ void Decode(const std::string& path) {
   if (qo_VideoFileStart(h) != 0) return;
   // A decoder is fed and emptied at once, as a host's two threads do.
   std::thread puller([h] {
-    for (;;) {
-      qo_StreamInfo info{};
-      qo_VideoFileGetFrame(h, &info, 3);
-      if (info.data == nullptr) break;
+    for (qo_StreamInfo info{}; qo_VideoFileGetFrame(h, &info, 3), info.data != nullptr; info = {})
       qo_VideoFileFrameFree(&info);
-    }
   });
   for (size_t at = 0;; at += 4096) {
     // The last packet, with no bytes, is the end of the stream.
