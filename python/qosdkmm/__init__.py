@@ -11,6 +11,7 @@ lock is released while a loop waits for one.
 """
 
 import atexit
+import json
 import os
 import tempfile
 import threading
@@ -146,6 +147,14 @@ class VideoInput(_Source):
         super().__init__("video", dict(params, uri=uri, stream_type=stream_type, timeout=timeout))
         self.uri = uri
         self._start()
+
+    def stats(self):
+        """The stream's counters as a dict (frames, bytes, timeouts,
+        timeout_tasks, reconnects, gaps, last_age_ms, median_age_ms,
+        reason_code, reason); None once closed. Cheap enough to poll every
+        second for every camera."""
+        text = self._stats()
+        return json.loads(text) if text else None
 
 
 class FileInput(_Source):

@@ -218,6 +218,7 @@ PYBIND11_MODULE(_qosdkmm, m) {
             return py::make_tuple(code, text);
           },
           "(code, text) of the running stream's failure; (-1, '') without a stream.")
+      .def("_stats", &NodeInput::StatsJson)
       .def_property_readonly("closed", &NodeInput::closed);
 
   py::class_<PyDecoder>(m, "_Decoder")

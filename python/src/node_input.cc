@@ -132,6 +132,12 @@ int NodeInput::LastErrorLocked(std::string* text) {
   return static_cast<int>(Function(prefix_ + "last.error.code")(node_).AsInt64());
 }
 
+std::string NodeInput::StatsJson() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (node_ == nullptr || prefix_ != "qo.mm.video.in.") return "";
+  return Function(prefix_ + "stats")(node_).AsString();
+}
+
 bool NodeInput::closed() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return node_ == nullptr;

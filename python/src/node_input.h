@@ -53,6 +53,8 @@ class NodeInput {
   void Close();
   // The video input node's stream error (code, text); -1 without a stream.
   int LastError(std::string* text);
+  // The video node's counters as JSON ("" without a stream or for files).
+  std::string StatsJson();
   bool closed() const;
 
  private:
