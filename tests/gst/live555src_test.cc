@@ -218,8 +218,7 @@ TEST_F(Live555SrcTest, EachCodecOverEachTransport) {
 }
 
 // Everything the element logs in its own debug category, at every level.
-class DebugLines {
- public:
+struct DebugLines {
   DebugLines() {
     gst_debug_set_active(TRUE);
     gst_debug_set_threshold_for_name("live555src", GST_LEVEL_MEMDUMP);
@@ -229,21 +228,15 @@ class DebugLines {
     gst_debug_remove_log_function(&DebugLines::Log);
     gst_debug_set_threshold_for_name("live555src", GST_LEVEL_NONE);
   }
-  std::string Text() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return text_;
-  }
-
- private:
   static void Log(GstDebugCategory* category, GstDebugLevel, const gchar*, const gchar*, gint,
                   GObject*, GstDebugMessage* message, gpointer self) {
     if (g_strcmp0(gst_debug_category_get_name(category), "live555src") != 0) return;
     auto* d = static_cast<DebugLines*>(self);
-    std::lock_guard<std::mutex> lock(d->mu_);
-    (d->text_ += gst_debug_message_get(message)) += '\n';
+    std::lock_guard<std::mutex> lock(d->mu);
+    (d->text += gst_debug_message_get(message)) += '\n';
   }
-  std::mutex mu_;
-  std::string text_;
+  std::mutex mu;
+  std::string text;
 };
 
 // Servers as cameras are: a JPEG stream announced without a=rtpmap plays;
@@ -291,7 +284,8 @@ TEST_F(Live555SrcTest, TerseDescriptionsPlayAndRefusalsSayWhy) {
     rx.Set(GST_STATE_PLAYING);
     ASSERT_TRUE(rx.WaitSamples(5, 10000));
   }
-  const std::string text = debug.Text();
+  std::lock_guard<std::mutex> lock(debug.mu);
+  const std::string& text = debug.text;
   EXPECT_NE(text.find("connection"), std::string::npos) << "no debug lines captured";
   EXPECT_EQ(text.find("secret"), std::string::npos);
   EXPECT_EQ(text.find("wr0ngpw"), std::string::npos);
