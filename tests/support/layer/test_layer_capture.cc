@@ -9,30 +9,14 @@
 namespace qo {
 namespace testutil {
 
-namespace {
-
-std::mutex g_mutex;  // guards g_innermost and the order of captures
-LayerCapture* g_innermost = nullptr;
-
-// Points both layers at capture, or at standard output for null.
-void Route(LayerCapture* capture, qo_LogSinkFunction sink) {
-  qo_VideoStreamSetLogSink(capture != nullptr ? sink : nullptr, capture);
-  qo_VideoFileSetLogSink(capture != nullptr ? sink : nullptr, capture);
-}
-
-}  // namespace
-
 LayerCapture::LayerCapture() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  outer_ = g_innermost;
-  g_innermost = this;
-  Route(this, Append);
-}
-
-void LayerCapture::Append(const char* text, void* self) {
-  auto* capture = static_cast<LayerCapture*>(self);
-  std::lock_guard<std::mutex> lock(capture->mutex_);
-  capture->text_ += text;
+  auto append = [](const char* text, void* self) {
+    auto* capture = static_cast<LayerCapture*>(self);
+    std::lock_guard<std::mutex> lock(capture->mutex_);
+    capture->text_ += text;
+  };
+  qo_VideoStreamSetLogSink(append, this);
+  qo_VideoFileSetLogSink(append, this);
 }
 
 std::string LayerCapture::Text() const {
@@ -45,26 +29,16 @@ bool LayerCapture::WaitFor(const std::string& needle, int timeout_ms) const {
 }
 
 std::string LayerCapture::Finish() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (finished_) return Text();
-  finished_ = true;
-  // Once the sinks are replaced no layer writes here any more.
-  if (g_innermost == this) {
-    g_innermost = outer_;
-    Route(outer_, Append);
-  }
-  for (LayerCapture* c = g_innermost; c != nullptr; c = c->outer_) {
-    if (c->outer_ == this) c->outer_ = outer_;  // finished out of order
-  }
-  // The echo goes where the layers would have written without this capture.
-  const std::string text = Text();
-  if (outer_ != nullptr) {
-    Append(text.c_str(), outer_);
-  } else {
+  if (!finished_) {
+    // Once the sinks are replaced no layer writes here any more.
+    qo_VideoStreamSetLogSink(nullptr, nullptr);
+    qo_VideoFileSetLogSink(nullptr, nullptr);
+    finished_ = true;
+    const std::string text = Text();
     fwrite(text.data(), 1, text.size(), stdout);
     fflush(stdout);
   }
-  return text;
+  return Text();
 }
 
 }  // namespace testutil

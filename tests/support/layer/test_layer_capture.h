@@ -1,5 +1,6 @@
 // The diagnostics of both C layers (live streams and file decoder), taken
-// through their sinks while a LayerCapture lives. Link `qotestlayer`.
+// through their sinks while a LayerCapture lives (one at a time), and echoed
+// to standard output at the end for the test log. Link `qotestlayer`.
 #ifndef QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
 #define QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
 
@@ -9,10 +10,6 @@
 namespace qo {
 namespace testutil {
 
-// Captures nest: the innermost one takes the text, and its Finish gives the
-// sinks back to the one around it (or to standard output). At the end the
-// text is echoed there too: into the capture around it, or to standard
-// output for the test log.
 class LayerCapture {
  public:
   LayerCapture();
@@ -27,9 +24,6 @@ class LayerCapture {
   std::string Finish();
 
  private:
-  static void Append(const char* text, void* self);
-
-  LayerCapture* outer_;
   bool finished_ = false;
   mutable std::mutex mutex_;  // the two layers may write at the same time
   std::string text_;
