@@ -26,6 +26,9 @@ def test_live_frames_carry_the_senders_wall_clock(server):
         ["h264", "h265", "mjpeg"]
     with qosdkmm.VideoInput(server.url("clip"), tcp=True, stream_id=3) as source:
         frames = [next(source) for _ in range(45)]
+        stats = source.stats()
+    assert stats["frames"] >= 45 and stats["gaps"] == 0 and stats["reason_code"] == 0
+    assert source.stats() is None
     assert {(f.format, f.width, f.height, f.kind, f.stream_id) for f in frames} == \
         {(32, 320, 240, "encoded", 3)}
     # Monotonic µs until the first sender report, then its wall clock, in order.
