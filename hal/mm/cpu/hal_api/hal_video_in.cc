@@ -412,14 +412,14 @@ int PiplineInstall(MultiStreamPipeline* proxy) {
   if (!proxy->pl) return -1;
 
   if (proxy->protocol == kProtoRtsp) {
-    proxy->live555src = gst_bin_get_by_name(GST_BIN(proxy->pl), "src");
-    if (!proxy->live555src) {
+    GstElement* src = gst_bin_get_by_name(GST_BIN(proxy->pl), "src");
+    if (!src) {
       HalPrint("#>%s():get element src failed!\n", __func__);
       return -1;
     }
-    SetIntProperty(proxy->live555src, "max-bytes", kRtspMaxBytes);
-    SetIntProperty(proxy->live555src, "protocols", proxy->rtsp_trans);
-    proxy->stat_source.store(proxy->live555src, std::memory_order_release);
+    SetIntProperty(src, "max-bytes", kRtspMaxBytes);
+    SetIntProperty(src, "protocols", proxy->rtsp_trans);
+    proxy->live555src.store(src, std::memory_order_release);
   }
 
   proxy->appsink = gst_bin_get_by_name(GST_BIN(proxy->pl), "appsink");
@@ -461,8 +461,8 @@ int PiplineUninstall(MultiStreamPipeline* proxy) {
       return 0;
     }
   }
-  proxy->stat_source.store(nullptr, std::memory_order_relaxed);
-  if (proxy->protocol == kProtoRtsp && proxy->live555src) gst_object_unref(proxy->live555src);
+  if (GstElement* src = proxy->live555src.exchange(nullptr, std::memory_order_relaxed))
+    gst_object_unref(src);
   proxy->state.store(-1, std::memory_order_relaxed);
   if (proxy->appsink) gst_object_unref(proxy->appsink);
   if (proxy->pl) gst_object_unref(proxy->pl);
@@ -664,7 +664,7 @@ int qo_VideoStreamGetStats(qo_StrmHandle handle, qo_StreamStats* stats) {
   stats->reason = qo_VideoStreamLastError(handle, stats->reason_text,
                                           static_cast<int>(sizeof(stats->reason_text)));
   guint64 gaps = 0;
-  if (GstElement* src = proxy->stat_source.load(std::memory_order_acquire))
+  if (GstElement* src = proxy->live555src.load(std::memory_order_acquire))
     g_object_get(src, "gaps", &gaps, nullptr);
   stats->gaps = gaps;
   return 0;

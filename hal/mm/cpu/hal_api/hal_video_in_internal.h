@@ -62,7 +62,9 @@ struct MultiStreamPipeline {
   std::atomic<int> wait_state;
   int frame_counter;
   GstElement* appsink;
-  GstElement* live555src;
+  // RTSP only; atomic because qo_VideoStreamGetStats reads its "gaps" from
+  // any thread.
+  std::atomic<GstElement*> live555src;
   int video_mode;
   int test_pattern;
   int gain;
@@ -82,8 +84,6 @@ struct MultiStreamPipeline {
   std::atomic<uint64_t> stat_reconnects;
   std::atomic<uint64_t> stat_aged;  // stamped frames seen; next ring slot
   std::atomic<int64_t> stat_ages[kStatAgeRing];
-  // live555src once installed (its "gaps"), for readers on other threads.
-  std::atomic<GstElement*> stat_source;
   // 1 from a start until the first frame (or the close): the stream's
   // sockets may still be opened, see DescriptorsLeft.
   std::atomic<int> starting;
