@@ -324,6 +324,8 @@ void VideoInput::StreamOutLoop() {
   prop_.Get("timeout", timeout);
   int budget = kRetryBudget;
   NDArray frame;
+  // Reused for every frame's "uri" read: its buffer is kept, not reallocated.
+  std::string uri;
   // A fatal error (an unsupported frame format) is not caught here: it ends
   // the process with its message, as it would on the host's own thread.
   for (;;) {
@@ -349,7 +351,7 @@ void VideoInput::StreamOutLoop() {
     SendStream(frame, status);
     if (status != kFrame) break;
 
-    std::string uri;
+    uri.clear();
     if (prop_.Get("uri", uri) && StartsWith(uri, "file://")) {
       // A file plays as fast as it is read: pace it to its frame rate.
       double framerate = 1.0;

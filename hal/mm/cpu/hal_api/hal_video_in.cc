@@ -267,14 +267,24 @@ void SetIntProperty(GstElement* element, const char* name, int value) {
   g_value_unset(&v);
 }
 
+// An integer field of the caps, 0 if absent. By quark: a field name given as
+// text is looked up under GLib's one process-wide quark lock, on every frame
+// of every stream.
+gint CapsInt(const GstStructure* s, GQuark field) {
+  const GValue* v = gst_structure_id_get_value(s, field);
+  return v && G_VALUE_HOLDS_INT(v) ? g_value_get_int(v) : 0;
+}
+
 // Copies the sample out into frame memory owned by the caller.
 void StreamOutDefault(GstSample* sample, GstBuffer* buffer, qo_StreamInfo* frame) {
+  static const GQuark kWidth = g_quark_from_static_string("width");
+  static const GQuark kHeight = g_quark_from_static_string("height");
   gint width = 0, height = 0;
   GstCaps* caps = gst_sample_get_caps(sample);
   if (caps && gst_caps_get_size(caps) > 0) {
     const GstStructure* s = gst_caps_get_structure(caps, 0);
-    gst_structure_get_int(s, "width", &width);
-    gst_structure_get_int(s, "height", &height);
+    width = CapsInt(s, kWidth);
+    height = CapsInt(s, kHeight);
   }
   frame->width = width;
   frame->height = height;
