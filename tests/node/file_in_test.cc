@@ -257,14 +257,7 @@ TEST(FileInputStream, ThreeEmptyPullsInARowEndTheOutputAndAFrameRestoresThem) {
   // Without blocking: there is no reader if the start failed.
   ASSERT_TRUE(testutil::WaitUntil(
       [&] { return (w.fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; }, 20000));
-  const auto timeouts = [&] {
-    std::vector<int> left;
-    for (const std::string& l : logs.Lines()) {
-      const size_t at = l.find("get stream timeout:");
-      if (at != std::string::npos) left.push_back(std::stoi(l.substr(at + 19)));
-    }
-    return left;
-  };
+  const auto timeouts = [&] { return logs.NumbersAfter("get stream timeout:"); };
   for (size_t frames = 1; frames <= 2; ++frames) {
     const size_t seen = timeouts().size();
     ASSERT_EQ(write(w.fd, "abcd", 4), 4);

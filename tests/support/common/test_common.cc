@@ -37,6 +37,15 @@ bool LogCapture::WaitFor(const std::string& needle, int timeout_ms) const {
   return WaitUntil([&] { return Count(needle) > 0; }, timeout_ms);
 }
 
+std::vector<int> LogCapture::NumbersAfter(const std::string& prefix) const {
+  std::vector<int> numbers;
+  for (const std::string& line : Lines()) {
+    const size_t at = line.find(prefix);
+    if (at != std::string::npos) numbers.push_back(std::stoi(line.substr(at + prefix.size())));
+  }
+  return numbers;
+}
+
 size_t CountOf(const std::string& text, const std::string& needle) {
   size_t n = 0;
   for (size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) n++;

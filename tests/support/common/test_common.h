@@ -34,6 +34,8 @@ class LogCapture {
   std::vector<std::string> Lines() const;
   size_t Count(const std::string& needle) const;  // lines containing needle
   bool WaitFor(const std::string& needle, int timeout_ms) const;
+  // The numbers right after `prefix` in the lines that have it, in order.
+  std::vector<int> NumbersAfter(const std::string& prefix) const;
 
  private:
   int saved_level_;
