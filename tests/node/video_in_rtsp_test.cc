@@ -1,11 +1,11 @@
-// Video input node on the loopback RTSP server: H.264 over TCP end to end,
-// a server that freezes, a refusal, and a fatal frame format on the output
-// thread. The element's own tests run every codec over every transport.
+// Video input node on the loopback RTSP server: H.264 over TCP end to end
+// and a fatal frame format on the output thread. Servers that fail are
+// tests/reliability/rtsp_fault_test.cc's; the element's own tests run every
+// codec over every transport.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,28 +30,20 @@ namespace qo {
 namespace nodetest {
 namespace {
 
-using testutil::MonotonicNs;
 using testutil::ThreadCount;
 
 // Unix-epoch nanoseconds are above this; monotonic microseconds far below.
 constexpr int64_t kWallClockFloorNs = 1000000000LL * 1000000000LL;
 
-class VideoInputRtsp : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(server_.Start()) << server_.error(); }
-  void Configure(HostNode* g, const std::string& mount, int type, int trans) {
-    g->SetString("uri", server_.Url(mount));
-    g->SetInt("stream-type", type);
-    g->SetInt("lower-trans-type", trans);
-  }
-  test::TestRtspServer server_;
-};
-
-TEST_F(VideoInputRtsp, H264OverTcpEndToEnd) {
+TEST(VideoInputRtsp, H264OverTcpEndToEnd) {
+  test::TestRtspServer server;
+  ASSERT_TRUE(server.Start()) << server.error();
   LogCapture log(0);
   TaskCollector port0(16, /*keep_arrays=*/true), port2(16, /*keep_arrays=*/true);
   HostNode g("qo.mm.video.in");
-  Configure(&g, "h264", QO_PIX_FMT_H264, RTSP_TRANS_TCP);
+  g.SetString("uri", server.Url("h264"));
+  g.SetInt("stream-type", QO_PIX_FMT_H264);
+  g.SetInt("lower-trans-type", RTSP_TRANS_TCP);
   g.SetInt("stream-id", 77);
   g.thread()->SetTxQue(port0.queue(), 0);
   g.thread()->SetTxQue(port2.queue(), 2);
@@ -96,67 +88,6 @@ TEST_F(VideoInputRtsp, H264OverTcpEndToEnd) {
         ">>> Enter stream out thread\n", "end of stream !!!\n", "<<< Exit stream out thread\n",
         ") stopped !!!\n"})
     EXPECT_EQ(log.Count(line), 1u) << line;
-}
-
-// "timeout" 1 and a server frozen with SIGSTOP: one time-out, then frames
-// again, and the budget is whole again; then three time-outs in a row end
-// the thread with exactly one status-2 task.
-TEST_F(VideoInputRtsp, FrozenServerEndsTheThreadAfterThreeTimeoutsInARow) {
-  TaskCollector port;
-  HostNode g("qo.mm.video.in");
-  LogCapture log(0);
-  Configure(&g, "h264", QO_PIX_FMT_H264, RTSP_TRANS_UDP);
-  g.SetInt("timeout", 1);
-  g.thread()->SetTxQue(port.queue(), 0);
-  g.Open();
-  ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return CountFlag(t, 0) >= 5; }, 15000));
-  auto budgets = [&] {  // the remaining budgets the time-outs logged
-    std::vector<int> out;
-    for (const std::string& line : log.Lines()) {
-      const size_t at = line.find("get stream timeout:");
-      if (at != std::string::npos) out.push_back(std::stoi(line.substr(at + 19)));
-    }
-    return out;
-  };
-  server_.Freeze();
-  ASSERT_TRUE(log.WaitFor("get stream timeout:", 3000));
-  server_.Thaw();
-  const size_t frames = port.Count(0);
-  ASSERT_TRUE(port.WaitFor([&](const Tasks& t) { return CountFlag(t, 0) >= frames + 10; }, 10000));
-  ASSERT_EQ(budgets(), std::vector<int>{2});
-  server_.Freeze();
-  const int64_t t0 = MonotonicNs();
-  ASSERT_TRUE(port.WaitFor([](const Tasks& t) { return t.back().flag != 0; }, 15000));
-  const int64_t end_ns = MonotonicNs() - t0;
-  EXPECT_TRUE(log.WaitFor("<<< Exit stream out thread", 2000));
-  // The line comes just before the thread ends.
-  EXPECT_TRUE(testutil::WaitUntil([] { return ThreadCount("strm_out") == 0; }, 2000));
-  // Three pulls of 1 s, the first partly waited out.
-  EXPECT_TRUE(end_ns >= 2000e6 && end_ns <= 6000e6) << end_ns;
-  EXPECT_EQ(budgets(), (std::vector<int>{2, 2, 1, 0}));
-  g.Close();
-  server_.Thaw();
-  EXPECT_EQ(port.Count(2), 1u);
-  EXPECT_EQ(port.Count(0) + 1, port.Tasks().size()) << "nothing after the last task";
-}
-
-// A refusal reaches the host through "last.error" within 2 s, long before
-// the node's time-out task, and goes with the stream at close.
-TEST_F(VideoInputRtsp, ARefusalIsExplainedThroughLastError) {
-  TaskCollector port;
-  HostNode g("qo.mm.video.in");
-  g.SetString("uri", server_.Url("nothing-here"));
-  g.SetInt("lower-trans-type", RTSP_TRANS_TCP);
-  g.thread()->SetTxQue(port.queue(), 0);
-  g.Open();
-  auto code = [&] { return g.Call("last.error.code").operator int(); };
-  ASSERT_TRUE(testutil::WaitUntil([&] { return code() != QO_STREAM_OK; }, 2000));
-  EXPECT_EQ(code(), QO_STREAM_NOT_FOUND);
-  EXPECT_NE(g.Call("last.error").AsString().find("404"), std::string::npos);
-  EXPECT_EQ(port.Tasks().size(), 0u);
-  g.Close();
-  EXPECT_EQ(code(), -1);
-  EXPECT_EQ(testhost::Func("qo.mm.video.in.last.error.code")(nullptr).operator int(), -1);
 }
 
 // An unsupported frame format is fatal and is not swallowed by the output

@@ -71,13 +71,14 @@ TEST(VideoInputApi, FatalStartsAndFrameArrays) {
 }
 
 // A null node is logged by every function, at 3 or 4 by function, and
-// otherwise ignored.
+// otherwise ignored; it has no reason to give (-1).
 TEST(VideoInputApi, NullHandlesLogAtThreeOrFour) {
   ExpectNullHandleSeverities(
       "qo.mm.video.in", "VideoInput", [](const std::string& verb, const PackedFunc& f) {
         // Arguments are converted before the null test: each of its kind.
         verb == "set.attr.string" ? f(nullptr, "uri", "x") : f(nullptr, "width", 1);
       });
+  EXPECT_EQ(testhost::Func("qo.mm.video.in.last.error.code")(nullptr).operator int(), -1);
 }
 
 // After each sent frame of a file the thread sleeps 1000 / "framerate" ms;

@@ -1,7 +1,8 @@
 // The live-stream layer and the video input node against RTSP servers that
 // fail, each fault once per level. With reconnection the frames resume and
 // nothing ends the stream; a server gone for good, or any loss with
-// reconnection off, ends it with one task. Close is prompt in every state
+// reconnection off, ends it with one task. The reason of an outage reaches
+// the caller and goes when frames flow again. Close is prompt in every state
 // and leaves no thread behind. And many cameras in one process up to the
 // descriptor limit.
 #include <gst/rtsp-server/rtsp-server.h>
@@ -9,6 +10,7 @@
 #include <pthread.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -123,7 +125,8 @@ const char* const kFaultNames[] = {"restart",       "drop",        "refuse",    
 const int kOutageMs[] = {3000, 0, 2000, 3000, 0, 1500, 2500, 0, 0};
 
 // One H.264 stream: the video input node, or the layer pulled on a thread
-// with a 1 s time-out as the node's output thread does.
+// with a 1 s time-out as the node's output thread does; no pull may take
+// much longer than its time-out.
 class Stream {
  public:
   Stream(Level level, int trans, const std::string& url, int timeout_s = 3) : url_(url) {
@@ -145,7 +148,9 @@ class Stream {
       pthread_setname_np(pthread_self(), "test-puller");
       while (!quit_ && !eos_) {
         qo_StreamInfo f = {};
+        const int64_t t0 = MonotonicMs();
         qo_VideoStreamGetFrame(h_, &f, 1);
+        worst_pull_ms_ = std::max<int64_t>(worst_pull_ms_, MonotonicMs() - t0);
         if (f.data) frames_++, qo_VideoStreamFrameFree(&f);
         eos_ = f.eos != 0;
       }
@@ -162,11 +167,24 @@ class Stream {
     EXPECT_LE(tasks.size() - out_.Count(0), 1u) << "more than one end task";
     return tasks.empty() ? 0 : tasks.back().flag;
   }
+  // The reason code (and text) the node's "last.error" or the layer gives.
+  int LastError(std::string* text = nullptr) {
+    if (node_) {
+      if (text) *text = node_->Call("last.error").AsString();
+      return node_->Call("last.error.code").operator int();
+    }
+    char buf[256] = "";
+    const int code = qo_VideoStreamLastError(h_, buf, sizeof(buf));
+    if (text) *text = buf;
+    return code;
+  }
   // Closes the node, or stops the layer while the puller pulls and closes
   // it; returns how long that took.
   int64_t Close() {
     const int64_t t0 = MonotonicMs();
     if (node_) node_->Close();
+    // A closed node has no stream to explain.
+    EXPECT_TRUE(!node_ || LastError() == -1);
     if (h_) {
       EXPECT_EQ(qo_VideoStreamStop(h_), 0);
       quit_ = true;
@@ -174,6 +192,7 @@ class Stream {
       qo_VideoStreamClose(h_);
     }
     const int64_t ms = MonotonicMs() - t0;
+    EXPECT_LT(worst_pull_ms_, 1500 + kSlackMs) << "a 1 s pull took too long";
     out_.Stop();
     node_.reset(), h_ = nullptr;
     return ms;
@@ -187,6 +206,7 @@ class Stream {
   std::thread puller_;
   std::atomic<bool> quit_{false}, eos_{false};
   std::atomic<size_t> frames_{0};
+  std::atomic<int64_t> worst_pull_ms_{0};
 };
 
 class RtspFaultTest : public ::testing::TestWithParam<std::tuple<Level, Fault>> {
@@ -213,26 +233,48 @@ class RtspFaultTest : public ::testing::TestWithParam<std::tuple<Level, Fault>> 
   const int threads_before_ = ThreadCount();
 };
 
-// Restart, drop, refusal, freeze or BYE: frames resume, no end task, close
-// is prompt (also while retrying against a refusing or frozen server).
-// Reconnection off (a source property after the URL): the stream ends and a
-// returning server is not used. Gone for good: one status-2 task.
+// Restart, drop, refusal, freeze or BYE: frames resume, no end task, the
+// outage's reason is gone once they do, and close is prompt (also while
+// retrying against a refusing or frozen server). A refusing server is
+// explained as one. Reconnection off (a source property after the URL): the
+// stream ends and a returning server is not used. Gone for good: the layer's
+// pulls time out (no end) with a reason; the node sends one status-2 task
+// after three 1 s time-outs in a row, an allowance a frame in between
+// restores.
 TEST_P(RtspFaultTest, Outcome) {
   const Level level = std::get<0>(GetParam());
   const Fault fault = std::get<1>(GetParam());
   std::unique_ptr<ByeServer> bye(fault == kBye ? new ByeServer : nullptr);
+  LogCapture log(1);
+  // The remaining budgets the node's time-outs logged.
+  auto budgets = [&] { return log.NumbersAfter("get stream timeout:"); };
   // Each fault over TCP at one level and over UDP at the other.
   Stream s(
       level, (level + fault) % 2 ? RTSP_TRANS_TCP : RTSP_TRANS_UDP,
       (bye ? bye->url : server_->Url("h264")) + (fault == kNoReconnect ? " reconnect=false" : ""),
       fault >= kNoReconnect ? 1 : 3);
   ASSERT_TRUE(WaitUntil([&] { return s.frames() >= 10; }, 15000));
+  if (fault == kGone && level == kNode) {  // one time-out, then frames again
+    server_->Freeze();
+    ASSERT_TRUE(log.WaitFor("get stream timeout:", 3000));
+    server_->Thaw();
+    const size_t frames = s.frames();
+    ASSERT_TRUE(WaitUntil([&] { return s.frames() >= frames + 10; }, 10000));
+    ASSERT_EQ(budgets(), std::vector<int>{2});
+  }
+  const int64_t fault_at = MonotonicMs();
   if (fault == kRestart || fault == kNoReconnect || fault == kGone) server_->Kill();
   ASSERT_TRUE(fault != kDrop || server_->Drop());
   ASSERT_TRUE((fault != kRefuse && fault != kAwayRefusing) ||
               (server_->Refuse() && server_->Drop()));
   if (fault == kFreeze || fault == kAwayFrozen) server_->Freeze();
   std::this_thread::sleep_for(std::chrono::milliseconds(kOutageMs[fault]));
+  std::string why;
+  if (fault == kRefuse || fault == kAwayRefusing) {
+    EXPECT_TRUE(WaitUntil([&] { return s.LastError(&why) == QO_STREAM_REFUSED; }, 2000 + kSlackMs))
+        << s.LastError() << " " << why;
+    EXPECT_GT(why.size(), 10u);
+  }
   ASSERT_TRUE((fault != kRestart && fault != kNoReconnect) || server_->Start()) << server_->error();
   ASSERT_TRUE(fault != kRefuse || server_->Accept()) << server_->error();
   if (fault == kFreeze) server_->Thaw();
@@ -241,6 +283,7 @@ TEST_P(RtspFaultTest, Outcome) {
   const size_t before = s.frames();
   if (fault <= kBye) {
     EXPECT_TRUE(WaitUntil([&] { return s.frames() >= before + 10; }, 15000)) << "no frames after";
+    EXPECT_TRUE(WaitUntil([&] { return s.LastError() == QO_STREAM_OK; }, 2000)) << "reason kept";
     EXPECT_EQ(s.status(), 0) << "the outage ended the stream";
   }
   if (fault == kNoReconnect) {
@@ -248,7 +291,21 @@ TEST_P(RtspFaultTest, Outcome) {
     EXPECT_LE(s.frames(), before + 2) << "frames resumed without reconnection";
     EXPECT_TRUE(level == kLayer || s.status() != 0) << "no end task";
   }
-  EXPECT_TRUE(fault != kGone || WaitUntil([&] { return s.status() == 2; }, 15000));
+  if (fault == kGone && level == kLayer) {
+    EXPECT_TRUE(WaitUntil([&] { return s.LastError() != QO_STREAM_OK; }, 5000)) << "no reason";
+    std::this_thread::sleep_for(std::chrono::seconds(3));  // pulls that time out
+    EXPECT_EQ(s.status(), 0) << "the layer ended a stream that may come back";
+  }
+  if (fault == kGone && level == kNode) {
+    EXPECT_TRUE(WaitUntil([&] { return s.status() == 2; }, 15000));
+    // Three pulls of 1 s, the first partly waited out.
+    const int64_t end_ms = MonotonicMs() - fault_at;
+    EXPECT_TRUE(end_ms >= 2000 && end_ms <= 6000) << end_ms;
+    EXPECT_EQ(budgets(), (std::vector<int>{2, 2, 1, 0}));
+    // The line comes just before the thread ends, on its own.
+    EXPECT_TRUE(log.WaitFor("<<< Exit stream out thread", 2000));
+    EXPECT_TRUE(WaitUntil([] { return ThreadCount("strm_out") == 0; }, 2000));
+  }
   // After an end-of-stream the layer's stop has seen the end already; it
   // waits up to 4 s for a puller that has gone after a time-out.
   const int status = s.status();
@@ -258,7 +315,7 @@ TEST_P(RtspFaultTest, Outcome) {
 std::vector<std::tuple<Level, Fault>> Cases() {
   std::vector<std::tuple<Level, Fault>> cases;
   for (Level level : {kLayer, kNode}) {
-    for (int f = kRestart; f <= kGone - (level == kLayer); ++f) cases.emplace_back(level, Fault(f));
+    for (int f = kRestart; f <= kGone; ++f) cases.emplace_back(level, Fault(f));
   }
   return cases;
 }
