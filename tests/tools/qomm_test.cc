@@ -15,15 +15,12 @@
 #include <string>
 #include <vector>
 
+#include "test_common.h"
 #include "test_rtsp_server.h"
 
 namespace {
 
-#ifdef QO_SANITIZER_BUILD
-constexpr long kSlackMs = 2000;  // the sanitizers make everything slower
-#else
-constexpr long kSlackMs = 0;
-#endif
+using qo::testutil::kSlackMs;
 
 const std::string kData = QO_TEST_SOURCE_DIR "/data/";
 const char* const kCodecs[] = {"h264", "h265", "mjpeg"};
@@ -126,8 +123,10 @@ TEST(Qomm, CommandLine) {
 
 // Each refusal ends in one line with the stream's own reason: the permanent
 // ones (401, 404, 461) at once, played or probed; a refused connection only
-// when the node gives up, since the server may still come.
-TEST(Qomm, RefusalsAreExplainedByTheStream) {
+// when the node gives up, since the server may still come. The password
+// never leaves qomm: not in the header, the JSON lines, the library's
+// messages (-vvv) nor a failure line.
+TEST(Qomm, RefusalsAreExplainedAndPasswordsNeverShown) {
   qo::test::TestRtspServer server(
       {{"cam=h264,size=320x240,fps=30", "udp=h264,udp-only"}, "viewer", "secret"});
   ASSERT_TRUE(server.Start()) << server.error();
@@ -162,6 +161,22 @@ TEST(Qomm, RefusalsAreExplainedByTheStream) {
     }
   }
   EXPECT_EQ(reasons.size(), 4u) << "refused, 401, 404 and 461 read differently";
+
+  const std::string url = server.UrlWithCredentials("cam", "viewer", "secret");
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"play", url, "--frames", "5"},
+           {"play", url, "--frames", "5", "--json", "-vvv"},
+           {"play", url + "-missing", "-v"},
+           {"probe", url, "-vvv"}}) {
+    auto r = Qomm(args);
+    EXPECT_EQ(r.status, args[1] == url + "-missing" ? 1 : 0) << r.err;
+    EXPECT_EQ((r.out + r.err).find("secret"), std::string::npos) << r.out << r.err;
+    EXPECT_NE((r.out + r.err).find("viewer:***@"), std::string::npos) << r.out << r.err;
+    if (args.size() == 4) {
+      EXPECT_EQ(Field(r.out, "frames"), 5) << r.err;
+      EXPECT_NE(r.out.find("play rtsp://viewer:***@"), std::string::npos) << r.out;
+    }
+  }
 }
 
 TEST(Qomm, PlaysFiles) {
@@ -263,28 +278,6 @@ TEST(Qomm, RtspAgainstServe) {
   kill(serve, SIGINT) == 0 && waitpid(serve, &status, 0);
   serve = -1;
   EXPECT_EQ(status, 0);
-}
-
-// The password never leaves qomm: not in the header, the JSON lines, the
-// library's messages (-vvv) nor a failure line.
-TEST(Qomm, PasswordsAreNeverShown) {
-  qo::test::TestRtspServer server({{"cam=h264,size=320x240,fps=30"}, "viewer", "secret"});
-  ASSERT_TRUE(server.Start()) << server.error();
-  const std::string url = server.UrlWithCredentials("cam", "viewer", "secret");
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"play", url, "--frames", "5"},
-           {"play", url, "--frames", "5", "--json", "-vvv"},
-           {"play", url + "-missing", "-v"},
-           {"probe", url, "-vvv"}}) {
-    auto r = Qomm(args);
-    EXPECT_EQ(r.status, args[1] == url + "-missing" ? 1 : 0) << r.err;
-    EXPECT_EQ((r.out + r.err).find("secret"), std::string::npos) << r.out << r.err;
-    EXPECT_NE((r.out + r.err).find("viewer:***@"), std::string::npos) << r.out << r.err;
-    if (args.size() == 4) {
-      EXPECT_EQ(Field(r.out, "frames"), 5) << r.err;
-      EXPECT_NE(r.out.find("play rtsp://viewer:***@"), std::string::npos) << r.out;
-    }
-  }
 }
 
 TEST(Qomm, DemoPlaysTheSampleBothWays) {
