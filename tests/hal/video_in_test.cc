@@ -27,13 +27,6 @@ using Props = std::vector<std::pair<const char*, int>>;
 // The stream id is the first byte of the record behind a handle.
 int Id(qo_StrmHandle h) { return *static_cast<const uint8_t*>(h); }
 
-qo_StrmHandle OpenStarted(const std::string& uri, int type) {
-  qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
-  qo_VideoStreamCfg(h, "stream-type", type);
-  EXPECT_EQ(qo_VideoStreamStart(h), 0);
-  return h;
-}
-
 // Each step of a stream's life and the lines it prints ("{id}" and
 // "{path}" stand for the first stream's id and file); the bus watch prints
 // from its own thread, so lines are waited for.
@@ -60,7 +53,7 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
         "############# pl#{id} switch state[4] #############\n"}},
       {[&] { qo_VideoStreamCfg(a, "width", 640); },
        {"#>qo_VideoStreamCfg():warn,unable to set property \"width\"=640 to file pipeline!\n"}},
-      {[&] { b = OpenStarted(uri, QO_PIX_FMT_H264); },
+      {[&] { b = testutil::StartStream(uri.c_str(), QO_PIX_FMT_H264); },
        {"$>qo_VideoStreamInit():gst_init is already inited!\n"}},
       // The parser finds nothing in random bytes: its error is only
       // reported, and the end of the stream still arrives.
@@ -77,7 +70,7 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
       {[&] { qo_VideoStreamClose(a); }, {"#>qo_VideoStreamDeinit():warn ! 1 pipelines active!\n"}},
       {[&] { qo_VideoStreamClose(b); }, {"------->task: exit main loop!"}, 0},
       // A new loop and thread; GStreamer is not set up again.
-      {[&] { qo_VideoStreamClose(OpenStarted(uri, QO_PIX_FMT_H264)); }, {}, 0},
+      {[&] { qo_VideoStreamClose(testutil::StartStream(uri.c_str(), QO_PIX_FMT_H264)); }, {}, 0},
   };
   int id = -1;
   for (const auto& step : steps) {

@@ -22,6 +22,7 @@
 #include "hal_mm_video_in.h"
 #include "test_common.h"
 #include "test_host.h"
+#include "test_layer_capture.h"
 #include "test_media.h"
 #include "test_rtsp_server.h"
 
@@ -140,10 +141,7 @@ class Stream {
       node_->Open();
       return;
     }
-    h_ = qo_VideoStreamOpen(url_.c_str());
-    qo_VideoStreamCfg(h_, "stream-type", QO_PIX_FMT_H264);
-    qo_VideoStreamCfg(h_, "lower-trans-type", trans);
-    EXPECT_EQ(qo_VideoStreamStart(h_), 0);
+    h_ = StartStream(url_.c_str(), QO_PIX_FMT_H264, trans);
     puller_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "test-puller");
       while (!quit_ && !eos_) {

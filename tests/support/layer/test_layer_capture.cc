@@ -1,5 +1,7 @@
 #include "test_layer_capture.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 
 #include "hal_mm_file_in.h"
@@ -8,6 +10,14 @@
 
 namespace qo {
 namespace testutil {
+
+void* StartStream(const char* uri, int type, int transport) {
+  qo_StrmHandle h = qo_VideoStreamOpen(uri);
+  qo_VideoStreamCfg(h, "stream-type", type);
+  if (transport >= 0) qo_VideoStreamCfg(h, "lower-trans-type", transport);
+  EXPECT_EQ(qo_VideoStreamStart(h), 0) << uri;
+  return h;
+}
 
 LayerCapture::LayerCapture() {
   auto append = [](const char* text, void* self) {

@@ -1,6 +1,7 @@
 // The diagnostics of both C layers (live streams and file decoder), taken
 // through their sinks while a LayerCapture lives (one at a time), and echoed
-// to standard output at the end for the test log. Link `qotestlayer`.
+// to standard output at the end for the test log; and a started live stream.
+// Link `qotestlayer`.
 #ifndef QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
 #define QO_TESTS_SUPPORT_LAYER_TEST_LAYER_CAPTURE_H_
 
@@ -9,6 +10,11 @@
 
 namespace qo {
 namespace testutil {
+
+// Opens uri with the live-stream layer, sets "stream-type" (and
+// "lower-trans-type" when transport >= 0) and starts it, expecting success.
+// The layer keeps the uri pointer: it must outlive the start.
+void* StartStream(const char* uri, int type, int transport = -1);
 
 class LayerCapture {
  public:
