@@ -3,6 +3,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 
@@ -44,22 +45,30 @@ void* QOMemAlloc(size_t size, size_t alignment) {
   if (rounded == 0) rounded = alignment;
   if (rounded < size || head + rounded < rounded) return nullptr;  // overflow
   const size_t total = head + rounded;
-  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   char* base;
+  char* block;
   size_t mapped = 0;
   if (total >= kMapBytes && alignment <= page && total + page > total) {
     mapped = (total + page - 1) / page * page;
     void* m = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (m == MAP_FAILED) return nullptr;
     base = static_cast<char*>(m);
+    block = base + head;
   } else {
-    base = static_cast<char*>(std::aligned_alloc(alignment, total));
+    // Plain malloc, aligned by hand: glibc's aligned allocations bypass the
+    // per-thread cache and split a larger chunk each time, which cost every
+    // frame a trip through the arena lock.
+    const size_t slack = alignment > alignof(std::max_align_t) ? alignment : 0;
+    if (total + slack < total) return nullptr;
+    base = static_cast<char*>(std::malloc(total + slack));
     if (base == nullptr) return nullptr;
+    const uintptr_t at = reinterpret_cast<uintptr_t>(base) + head;
+    block = base + ((at + alignment - 1) / alignment * alignment - reinterpret_cast<uintptr_t>(base));
   }
-  char* block = base + head;
   BlockHead* h = reinterpret_cast<BlockHead*>(block) - 1;
   h->mapped = mapped;
-  h->offset = head;
+  h->offset = static_cast<size_t>(block - base);
   return block;
 }
 

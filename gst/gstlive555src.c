@@ -350,38 +350,47 @@ static gboolean live555_src_is_ntp_meta(GstMeta* m) {
          gst_structure_has_name(gst_caps_get_structure(meta->reference, 0), "timestamp/x-ntp");
 }
 
-static gboolean live555_src_drop_ntp_meta(GstBuffer* buf, GstMeta** meta, gpointer user_data) {
+typedef struct {
+  GstCaps* unix_caps;
+  gboolean converted;
+} Live555MetaRewrite;
+
+/* The first NTP meta becomes the frame's wall-clock time in place, the
+ * later ones (the frame's other packets) go: no meta is allocated per
+ * frame. An NTP time before 1970 is no wall-clock time: it goes too. */
+static gboolean live555_src_rewrite_ntp_meta(GstBuffer* buf, GstMeta** meta, gpointer user_data) {
+  Live555MetaRewrite* rewrite = user_data;
+  GstReferenceTimestampMeta* ref;
   (void)buf;
-  (void)user_data;
-  if (live555_src_is_ntp_meta(*meta)) *meta = NULL; /* removes it */
+  if (!live555_src_is_ntp_meta(*meta)) return TRUE;
+  ref = (GstReferenceTimestampMeta*)*meta;
+  if (rewrite->converted || ref->timestamp < NTP_TO_UNIX_OFFSET) {
+    *meta = NULL; /* removes it */
+  } else {
+    gst_caps_replace(&ref->reference, rewrite->unix_caps);
+    ref->timestamp -= NTP_TO_UNIX_OFFSET;
+  }
+  rewrite->converted = TRUE;
   return TRUE;
 }
 
 static gboolean live555_src_convert_meta(GstBuffer** buf, guint idx, gpointer user_data) {
   GstLive555Src* self = GST_LIVE555_SRC(user_data);
+  Live555MetaRewrite rewrite = {self->unix_ts_caps, FALSE};
   gpointer state = NULL;
   GstMeta* m;
-  GstClockTime ts = 0, duration = GST_CLOCK_TIME_NONE;
   (void)idx;
 
   /* A frame put together from several packets carries one meta per packet;
    * the first is the frame's. */
   while (
       (m = gst_buffer_iterate_meta_filtered(*buf, &state, GST_REFERENCE_TIMESTAMP_META_API_TYPE))) {
-    if (live555_src_is_ntp_meta(m)) {
-      ts = ((GstReferenceTimestampMeta*)m)->timestamp;
-      duration = ((GstReferenceTimestampMeta*)m)->duration;
-      break;
-    }
+    if (live555_src_is_ntp_meta(m)) break;
   }
   if (!m) return TRUE;
 
   *buf = gst_buffer_make_writable(*buf);
-  gst_buffer_foreach_meta(*buf, live555_src_drop_ntp_meta, NULL);
-  /* An NTP time before 1970 is no wall-clock time: leave no meta. */
-  if (ts >= NTP_TO_UNIX_OFFSET)
-    gst_buffer_add_reference_timestamp_meta(*buf, self->unix_ts_caps, ts - NTP_TO_UNIX_OFFSET,
-                                            duration);
+  gst_buffer_foreach_meta(*buf, live555_src_rewrite_ntp_meta, &rewrite);
   return TRUE;
 }
 

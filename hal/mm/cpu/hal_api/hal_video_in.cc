@@ -270,6 +270,14 @@ void SetIntProperty(GstElement* element, const char* name, int value) {
 // An integer field of the caps, 0 if absent. By quark: a field name given as
 // text is looked up under GLib's one process-wide quark lock, on every frame
 // of every stream.
+// The appsink reports QoS for every frame it takes. Nothing upstream (the
+// parsers, capsfilter, the sources) acts on it, and passing it up through
+// each of them cost the streaming thread a few hops per frame.
+GstPadProbeReturn DropQos(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*user_data*/) {
+  return GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) == GST_EVENT_QOS ? GST_PAD_PROBE_DROP
+                                                                         : GST_PAD_PROBE_OK;
+}
+
 gint CapsInt(const GstStructure* s, GQuark field) {
   const GValue* v = gst_structure_id_get_value(s, field);
   return v && G_VALUE_HOLDS_INT(v) ? g_value_get_int(v) : 0;
@@ -439,6 +447,10 @@ int PiplineInstall(MultiStreamPipeline* proxy) {
   }
   gst_base_sink_set_max_lateness(GST_BASE_SINK(proxy->appsink), kSinkMaxLateness);
   gst_base_sink_set_qos_enabled(GST_BASE_SINK(proxy->appsink), TRUE);
+  if (GstPad* sinkpad = gst_element_get_static_pad(proxy->appsink, "sink")) {
+    gst_pad_add_probe(sinkpad, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM, DropQos, nullptr, nullptr);
+    gst_object_unref(sinkpad);
+  }
   if (proxy->protocol == kProtoV4l2) {
     // A camera keeps only its newest frame.
     gst_app_sink_set_drop(GST_APP_SINK(proxy->appsink), TRUE);
