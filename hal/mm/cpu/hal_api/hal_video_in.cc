@@ -198,6 +198,13 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
   return TRUE;
 }
 
+// h264parse posts a bitrate tag several times a second per stream and the
+// watch has no use for it; dropped where it is posted, it never wakes
+// "Gstloop".
+GstBusSyncReply DropTags(GstBus* /*bus*/, GstMessage* msg, gpointer /*user_data*/) {
+  return GST_MESSAGE_TYPE(msg) == GST_MESSAGE_TAG ? GST_BUS_DROP : GST_BUS_PASS;
+}
+
 // Runs once GLib has let go of the watch's data: after the removal, or after
 // a dispatch that was running at that moment has returned.
 void BusWatchReleased(gpointer user_data) {
@@ -461,6 +468,7 @@ int PiplineInstall(MultiStreamPipeline* proxy) {
   }
 
   proxy->bus = gst_pipeline_get_bus(GST_PIPELINE(proxy->pl));
+  gst_bus_set_sync_handler(proxy->bus, DropTags, nullptr, nullptr);
   proxy->watch_released.store(0, std::memory_order_relaxed);
   proxy->bus_id = gst_bus_add_watch_full(proxy->bus, G_PRIORITY_DEFAULT, BusWatchCallback, proxy,
                                          BusWatchReleased);
