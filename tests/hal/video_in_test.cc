@@ -5,6 +5,7 @@
 // them come last, as they keep the main loop running.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -98,6 +99,40 @@ constexpr char kCamera[] = "v4l2:///dev/qo-absent-video0";
 void Park(qo_StrmHandle h) {
   static auto* parked = new std::vector<qo_StrmHandle>();
   parked->push_back(h);
+}
+
+// A recording whose picture size changes midway (two encodings, one after
+// the other): every frame reports the size it was coded at.
+TEST(LiveStreamFrames, PictureSizeFollowsTheStream) {
+  media::StreamParams big, small;
+  big.frames = small.frames = 20;
+  small.width = 176, small.height = 144;
+  std::vector<uint8_t> bytes = media::ReadFile(media::GenerateStream(big));
+  const std::vector<uint8_t> tail = media::ReadFile(media::GenerateStream(small));
+  ASSERT_FALSE(bytes.empty() || tail.empty());
+  bytes.insert(bytes.end(), tail.begin(), tail.end());
+  const std::string path = testing::TempDir() + "qo_size_change.h264";
+  FILE* f = fopen(path.c_str(), "wb");
+  ASSERT_NE(f, nullptr);
+  ASSERT_EQ(fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+  fclose(f);
+
+  const std::string uri = "file://" + path;
+  qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
+  qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
+  ASSERT_EQ(qo_VideoStreamStart(h), 0);
+  std::vector<std::pair<int, int>> sizes;
+  for (qo_StreamInfo info{}; qo_VideoStreamGetFrame(h, &info, 3), info.data != nullptr; info = {}) {
+    if (sizes.empty() || sizes.back().first != info.width * 1000 + info.height)
+      sizes.push_back({info.width * 1000 + info.height, 0});
+    sizes.back().second++;
+    qo_VideoStreamFrameFree(&info);
+  }
+  qo_VideoStreamStop(h);
+  qo_VideoStreamClose(h);
+  remove(path.c_str());
+  const std::vector<std::pair<int, int>> expected{{320240, 20}, {176144, 20}};
+  EXPECT_EQ(sizes, expected);
 }
 
 // Opens, configures and starts; returns the launch string it printed.

@@ -274,9 +274,6 @@ void SetIntProperty(GstElement* element, const char* name, int value) {
   g_value_unset(&v);
 }
 
-// An integer field of the caps, 0 if absent. By quark: a field name given as
-// text is looked up under GLib's one process-wide quark lock, on every frame
-// of every stream.
 // The appsink reports QoS for every frame it takes. Nothing upstream (the
 // parsers, capsfilter, the sources) acts on it, and passing it up through
 // each of them cost the streaming thread a few hops per frame.
@@ -285,24 +282,34 @@ GstPadProbeReturn DropQos(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*use
                                                                          : GST_PAD_PROBE_OK;
 }
 
+// An integer field of the caps, 0 if absent. By quark: a field name given as
+// text is looked up under GLib's one process-wide quark lock.
 gint CapsInt(const GstStructure* s, GQuark field) {
   const GValue* v = gst_structure_id_get_value(s, field);
   return v && G_VALUE_HOLDS_INT(v) ? g_value_get_int(v) : 0;
 }
 
-// Copies the sample out into frame memory owned by the caller.
-void StreamOutDefault(GstSample* sample, GstBuffer* buffer, qo_StreamInfo* frame) {
+// Width and height from the sample's caps, read again only when they change.
+void FrameSize(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo* frame) {
   static const GQuark kWidth = g_quark_from_static_string("width");
   static const GQuark kHeight = g_quark_from_static_string("height");
-  gint width = 0, height = 0;
   GstCaps* caps = gst_sample_get_caps(sample);
-  if (caps && gst_caps_get_size(caps) > 0) {
-    const GstStructure* s = gst_caps_get_structure(caps, 0);
-    width = CapsInt(s, kWidth);
-    height = CapsInt(s, kHeight);
+  if (caps != proxy->frame_caps) {
+    proxy->frame_width = proxy->frame_height = 0;
+    if (caps && gst_caps_get_size(caps) > 0) {
+      const GstStructure* s = gst_caps_get_structure(caps, 0);
+      proxy->frame_width = CapsInt(s, kWidth);
+      proxy->frame_height = CapsInt(s, kHeight);
+    }
+    // Held so that the address cannot come back as other caps.
+    gst_caps_replace(&proxy->frame_caps, caps);
   }
-  frame->width = width;
-  frame->height = height;
+  frame->width = proxy->frame_width;
+  frame->height = proxy->frame_height;
+}
+
+// Copies the sample out into frame memory owned by the caller.
+void StreamOutDefault(GstSample* sample, GstBuffer* buffer, qo_StreamInfo* frame) {
   gsize size = buffer ? gst_buffer_get_size(buffer) : 0;
   frame->data = static_cast<uint8_t*>(QOMemAlloc(size, 64));
   if (!frame->data) {
@@ -344,6 +351,7 @@ void SampleGetFrame(MultiStreamPipeline* proxy, GstSample* sample, qo_StreamInfo
     proxy->stat_ages[slot % kStatAgeRing].store(age, std::memory_order_relaxed);
     proxy->stat_aged.store(slot + 1, std::memory_order_release);
   }
+  FrameSize(proxy, sample, frame);
   StreamOutDefault(sample, buffer, frame);
 }
 
@@ -495,6 +503,7 @@ int PiplineUninstall(MultiStreamPipeline* proxy) {
     gst_object_unref(src);
   proxy->state.store(-1, std::memory_order_relaxed);
   if (proxy->appsink) gst_object_unref(proxy->appsink);
+  gst_caps_replace(&proxy->frame_caps, nullptr);
   if (proxy->pl) gst_object_unref(proxy->pl);
   if (proxy->bus) gst_object_unref(proxy->bus);
   pthread_mutex_destroy(&proxy->reason_lock);

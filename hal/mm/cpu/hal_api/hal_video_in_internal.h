@@ -62,6 +62,11 @@ struct MultiStreamPipeline {
   std::atomic<int> wait_state;
   int frame_counter;
   GstElement* appsink;
+  // The caps of the last frame pulled (a reference) and their picture size:
+  // an appsink hands out the same caps with every frame until they change.
+  GstCaps* frame_caps;
+  int frame_width;
+  int frame_height;
   // RTSP only; atomic because qo_VideoStreamGetStats reads its "gaps" from
   // any thread.
   std::atomic<GstElement*> live555src;
