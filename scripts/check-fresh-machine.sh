@@ -53,8 +53,19 @@ phase() {  # phase <name> <command...>: runs it and records its wall-clock time
   timings+=("$(printf '%4d s  %s' $((SECONDS - start)) "$name")")
 }
 
+make_dev() {  # make_dev <dir>: the device nodes a package install and the tests use
+  local dev=$1 node name major minor
+  for node in null:1:3 zero:1:5 full:1:7 random:1:8 urandom:1:9 tty:5:0; do
+    IFS=: read -r name major minor <<<"$node"
+    mknod -m 666 "$dev/$name" c "$major" "$minor" || return 1
+  done
+  ln -s /proc/self/fd "$dev/fd" && ln -s /proc/self/fd/0 "$dev/stdin" &&
+    ln -s /proc/self/fd/1 "$dev/stdout" && ln -s /proc/self/fd/2 "$dev/stderr" &&
+    ln -s pts/ptmx "$dev/ptmx" && mkdir "$dev/pts" "$dev/shm"
+}
+
 make_root() {  # make_root <dir>: a bare minbase root, ready for chroot
-  local root=$1 d
+  local root=$1
   remove_root "$root" || return 1
   mkdir -p "$work/cache/debootstrap" || return 1
   debootstrap --variant=minbase --cache-dir="$work/cache/debootstrap" "$suite" "$root" "$mirror" |
@@ -64,10 +75,16 @@ make_root() {  # make_root <dir>: a bare minbase root, ready for chroot
   mkdir -p "$work/cache/apt/partial" || return 1
   mount -t proc proc "$root/proc" || return 1
   mounted+=("$root/proc")
-  for d in sys dev dev/pts; do
-    mount --bind "/$d" "$root/$d" || return 1
-    mounted+=("$root/$d")
-  done
+  mount -t sysfs sysfs "$root/sys" || return 1
+  mounted+=("$root/sys")
+  # A /dev of the root's own, not the machine's bound in: removing a root
+  # whose run was killed before it unmounted must not delete the machine's
+  # device nodes.
+  mount -t tmpfs -o mode=755 dev "$root/dev" || return 1
+  mounted+=("$root/dev")
+  make_dev "$root/dev" || return 1
+  mount -t devpts -o newinstance,ptmxmode=0666,mode=620 devpts "$root/dev/pts" || return 1
+  mounted+=("$root/dev/pts")
   mount -t tmpfs -o mode=1777 shm "$root/dev/shm" || return 1
   mounted+=("$root/dev/shm")
   mount --bind "$work/cache/apt" "$root/var/cache/apt/archives" || return 1
