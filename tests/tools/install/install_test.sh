@@ -15,6 +15,15 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 unset LD_LIBRARY_PATH
 fail() { echo "install test: $*" >&2; exit 1; }
+# Matches a command's whole output. Under pipefail, `cmd | grep -q` fails
+# whenever grep leaves early and cmd is still writing (ldd writes line by line).
+output_has() { # grep-options... -- command...
+  local opts=() out
+  while [ "$1" != -- ]; do opts+=("$1"); shift; done
+  shift
+  out=$("$@") || return 1
+  grep "${opts[@]}" <<<"$out"
+}
 
 # DESTDIR keeps every file, absolute destinations included, inside $work.
 DESTDIR="$work/stage" cmake --install "$build_dir" >/dev/null
@@ -25,12 +34,12 @@ sample=$(find "$work/stage" -path '*/qosdkmm/samples/sample.h264' -print -quit)
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 # A build for /usr leaves finding the libraries to the system (ldconfig), so
 # its pkg-config file carries no run path.
-if ! pkg-config --libs qosdkmm | grep -q -- '-rpath'; then export LD_LIBRARY_PATH=$libdir; fi
+if ! output_has -q -e '-rpath' -- pkg-config --libs qosdkmm; then export LD_LIBRARY_PATH=$libdir; fi
 
 for lib in libqocore.so libqosdkmm.so; do
-  readelf -d "$libdir/$lib" | grep -qF "Library runpath: [\$ORIGIN]" || fail "$lib has no \$ORIGIN run path"
+  output_has -qF "Library runpath: [\$ORIGIN]" -- readelf -d "$libdir/$lib" || fail "$lib has no \$ORIGIN run path"
 done
-env -u LD_LIBRARY_PATH ldd "$libdir/libqosdkmm.so" | grep -q "libqocore.so.0 => $libdir/libqocore.so.0" ||
+output_has -qF "libqocore.so.0 => $libdir/libqocore.so.0" -- env -u LD_LIBRARY_PATH ldd "$libdir/libqosdkmm.so" ||
   fail "libqosdkmm.so does not find libqocore.so.0 beside it"
 
 # The README's example, word for word, on the installed sample.
@@ -44,7 +53,7 @@ frames=$(grep -o 'frame of [0-9]* bytes$' "$work/readme-host.out" | wc -l)
 
 # shellcheck disable=SC2046
 g++ -std=c++17 -o "$work/host-pc" "$src_dir/host.cc" $(pkg-config --cflags --libs qosdkmm)
-"$work/host-pc" | grep -qx "created file_in node"
+output_has -qx "created file_in node" -- "$work/host-pc" || fail "the pkg-config host did not create its node"
 
 mkdir -p "$work/cm"
 printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(host CXX)' \
@@ -52,7 +61,7 @@ printf '%s\n' 'cmake_minimum_required(VERSION 3.25)' 'project(host CXX)' \
   'target_link_libraries(host PRIVATE qosdkmm::qosdkmm)' >"$work/cm/CMakeLists.txt"
 cmake -S "$work/cm" -B "$work/cm/build" -G Ninja -Dqosdkmm_DIR="$libdir/cmake/qosdkmm" >/dev/null
 cmake --build "$work/cm/build" >/dev/null
-"$work/cm/build/host" | grep -qx "created file_in node"
+output_has -qx "created file_in node" -- "$work/cm/build/host" || fail "the find_package host did not create its node"
 
 # The installed qomm loads the installed library and plays the same frames.
 "$prefix/bin/qomm" play "$sample" --framerate 0 -q >"$work/qomm.out" 2>&1 ||
@@ -68,9 +77,8 @@ if [ -n "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)" ]; then
   pydir=$(dirname "$(dirname "$(find "$work/stage" -name '_qosdkmm*.so' -print -quit)")")
   case ${prefix#"$work/stage"} in
     /usr | /usr/local)
-      # Read whole before matching: grep -q leaving early would break python's pipe.
-      search=$(env -u PYTHONPATH "$python" -c 'import sys; print("\n".join(sys.path))')
-      grep -qx "${pydir#"$work/stage"}" <<<"$search" ||
+      output_has -qxF "${pydir#"$work/stage"}" -- \
+        env -u PYTHONPATH "$python" -c 'import sys; print("\n".join(sys.path))' ||
         fail "${pydir#"$work/stage"} is not on $python's default path" ;;
   esac
   awk '/^```python$/ {f = 1; next} /^```$/ {f = 0} f' "$readme" >"$work/readme_camera.py"
