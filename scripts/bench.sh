@@ -31,7 +31,7 @@ cmake -S . -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$BUILD" --target qo-bench qo-rtsp-server
 # The command-line host serves files when it is built; else the test server.
 if cmake --build "$BUILD" --target qomm >/dev/null 2>&1 &&
-  "$BUILD/tools/qomm" serve --help 2>&1 | grep -q -- '--port'; then
+  "$BUILD/tools/qomm" serve --help 2>&1 | grep -- '--port' >/dev/null; then
   server_kind=qomm
 else
   server_kind=qo-rtsp-server

@@ -24,7 +24,7 @@ fail() { say "FAILED: $*" >&2; exit 1; }
 bash scripts/install-deps.sh fresh
 # shellcheck disable=SC2016  # apt's own $(FIELD) syntax
 mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' "Release: $suite" \
-  'Component: main' | head -n 1)
+  'Component: main' | awk 'NR == 1')
 [ -n "$mirror" ] || fail "no $suite main entry in this machine's apt sources"
 
 mounted=()
