@@ -5,7 +5,6 @@
 // them come last, as they keep the main loop running.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -94,13 +93,6 @@ TEST(LiveStreamLifecycle, MainLoopComesAndGoesAndEachStepPrintsItsLines) {
 
 constexpr char kCamera[] = "v4l2:///dev/qo-absent-video0";
 
-// A stream whose start failed stays allocated by design: kept reachable for
-// the leak checker.
-void Park(qo_StrmHandle h) {
-  static auto* parked = new std::vector<qo_StrmHandle>();
-  parked->push_back(h);
-}
-
 // A recording whose picture size changes midway (two encodings, one after
 // the other): every frame reports the size it was coded at.
 TEST(LiveStreamFrames, PictureSizeFollowsTheStream) {
@@ -111,16 +103,9 @@ TEST(LiveStreamFrames, PictureSizeFollowsTheStream) {
   const std::vector<uint8_t> tail = media::ReadFile(media::GenerateStream(small));
   ASSERT_FALSE(bytes.empty() || tail.empty());
   bytes.insert(bytes.end(), tail.begin(), tail.end());
-  const std::string path = testing::TempDir() + "qo_size_change.h264";
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  ASSERT_EQ(fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
-  fclose(f);
-
-  const std::string uri = "file://" + path;
-  qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
-  qo_VideoStreamCfg(h, "stream-type", QO_PIX_FMT_H264);
-  ASSERT_EQ(qo_VideoStreamStart(h), 0);
+  const std::string uri = "file://" + testutil::WriteText(testutil::ScratchDir() + "/two.h264",
+                                                          std::string(bytes.begin(), bytes.end()));
+  qo_StrmHandle h = testutil::StartStream(uri.c_str(), QO_PIX_FMT_H264);
   std::vector<std::pair<int, int>> sizes;
   for (qo_StreamInfo info{}; qo_VideoStreamGetFrame(h, &info, 3), info.data != nullptr; info = {}) {
     if (sizes.empty() || sizes.back().first != info.width * 1000 + info.height)
@@ -130,7 +115,6 @@ TEST(LiveStreamFrames, PictureSizeFollowsTheStream) {
   }
   qo_VideoStreamStop(h);
   qo_VideoStreamClose(h);
-  remove(path.c_str());
   const std::vector<std::pair<int, int>> expected{{320240, 20}, {176144, 20}};
   EXPECT_EQ(sizes, expected);
 }
@@ -141,7 +125,7 @@ std::string LaunchString(const std::string& uri, const Props& props,
   LayerCapture cap;
   qo_StrmHandle h = qo_VideoStreamOpen(uri.c_str());
   for (const auto& p : props) qo_VideoStreamCfg(h, p.first, p.second);
-  qo_VideoStreamStart(h) == 0 ? qo_VideoStreamClose(h) : Park(h);
+  qo_VideoStreamStart(h) == 0 ? qo_VideoStreamClose(h) : testutil::KeepStream(h);
   const std::string text = cap.Finish();
   if (printed != nullptr) *printed = text;
   const size_t at = text.find("full string=");
@@ -238,7 +222,7 @@ TEST(LiveStreamCompose, RefusesWhatItCannotBuildAndReportsLaterCalls) {
   qo_VideoStreamCfg(h, "width", 320);                    // still allowed after a failed start
   EXPECT_EQ(qo_VideoStreamStop(h), -1);
   qo_VideoStreamClose(h);  // never played: the record stays
-  Park(h);
+  testutil::KeepStream(h);
   for (const char* line :
        {"#>qo_VideoStreamGetFrame():video stream state is error\n",
         "property \"width\"=320 success!\n", "#>qo_VideoStreamStop():video stream state is error\n",

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <vector>
 
 #include "hal_mm_file_in.h"
 #include "hal_mm_video_in.h"
@@ -17,6 +18,11 @@ void* StartStream(const char* uri, int type, int transport) {
   if (transport >= 0) qo_VideoStreamCfg(h, "lower-trans-type", transport);
   EXPECT_EQ(qo_VideoStreamStart(h), 0) << uri;
   return h;
+}
+
+void KeepStream(void* handle) {
+  static auto* kept = new std::vector<void*>();
+  kept->push_back(handle);
 }
 
 LayerCapture::LayerCapture() {
