@@ -16,18 +16,11 @@
 void __tsan_acquire(void* addr) __attribute__((weak));
 void __tsan_release(void* addr) __attribute__((weak));
 
-typedef void (*MutexFn)(GMutex*);
-typedef gboolean (*MutexTryFn)(GMutex*);
-typedef void (*RecMutexFn)(GRecMutex*);
-typedef gboolean (*RecMutexTryFn)(GRecMutex*);
-typedef void (*CondWaitFn)(GCond*, GMutex*);
-typedef gboolean (*CondWaitUntilFn)(GCond*, GMutex*, gint64);
-
 /* GLib's definition, looked up on first use: GLib may lock before any
  * constructor of ours has run. */
-#define REAL(name, type)   \
-  static type real_##name; \
-  if (G_UNLIKELY(!real_##name)) real_##name = (type)dlsym(RTLD_NEXT, #name)
+#define REAL(name)                      \
+  static __typeof__(&name) real_##name; \
+  if (G_UNLIKELY(!real_##name)) real_##name = (__typeof__(&name))dlsym(RTLD_NEXT, #name)
 
 static void acquire(void* addr) {
   if (__tsan_acquire) __tsan_acquire(addr);
@@ -43,27 +36,27 @@ static pthread_mutex_t* rec_impl(GRecMutex* mutex) {
 }
 
 void g_mutex_lock(GMutex* mutex) {
-  REAL(g_mutex_lock, MutexFn);
+  REAL(g_mutex_lock);
   real_g_mutex_lock(mutex);
   acquire(mutex);
 }
 
 gboolean g_mutex_trylock(GMutex* mutex) {
-  REAL(g_mutex_trylock, MutexTryFn);
+  REAL(g_mutex_trylock);
   if (!real_g_mutex_trylock(mutex)) return FALSE;
   acquire(mutex);
   return TRUE;
 }
 
 void g_mutex_unlock(GMutex* mutex) {
-  REAL(g_mutex_unlock, MutexFn);
+  REAL(g_mutex_unlock);
   release(mutex);
   real_g_mutex_unlock(mutex);
 }
 
 void g_rec_mutex_lock(GRecMutex* mutex) {
   pthread_mutex_t* impl = rec_impl(mutex);
-  REAL(g_rec_mutex_lock, RecMutexFn);
+  REAL(g_rec_mutex_lock);
   if (impl) {
     pthread_mutex_lock(impl);
   } else {
@@ -74,7 +67,7 @@ void g_rec_mutex_lock(GRecMutex* mutex) {
 
 gboolean g_rec_mutex_trylock(GRecMutex* mutex) {
   pthread_mutex_t* impl = rec_impl(mutex);
-  REAL(g_rec_mutex_trylock, RecMutexTryFn);
+  REAL(g_rec_mutex_trylock);
   if (impl) return pthread_mutex_trylock(impl) == 0;
   if (!real_g_rec_mutex_trylock(mutex)) return FALSE;
   acquire(mutex);
@@ -83,7 +76,7 @@ gboolean g_rec_mutex_trylock(GRecMutex* mutex) {
 
 void g_rec_mutex_unlock(GRecMutex* mutex) {
   pthread_mutex_t* impl = rec_impl(mutex);
-  REAL(g_rec_mutex_unlock, RecMutexFn);
+  REAL(g_rec_mutex_unlock);
   release(mutex);
   if (impl) {
     pthread_mutex_unlock(impl);
@@ -93,7 +86,7 @@ void g_rec_mutex_unlock(GRecMutex* mutex) {
 }
 
 void g_cond_wait(GCond* cond, GMutex* mutex) {
-  REAL(g_cond_wait, CondWaitFn);
+  REAL(g_cond_wait);
   release(mutex);
   real_g_cond_wait(cond, mutex);
   acquire(mutex);
@@ -101,7 +94,7 @@ void g_cond_wait(GCond* cond, GMutex* mutex) {
 
 gboolean g_cond_wait_until(GCond* cond, GMutex* mutex, gint64 end_time) {
   gboolean signalled;
-  REAL(g_cond_wait_until, CondWaitUntilFn);
+  REAL(g_cond_wait_until);
   release(mutex);
   signalled = real_g_cond_wait_until(cond, mutex, end_time);
   acquire(mutex);
@@ -127,12 +120,10 @@ static void invoke_free(gpointer user_data) {
   free(call);
 }
 
-typedef void (*InvokeFullFn)(GMainContext*, gint, GSourceFunc, gpointer, GDestroyNotify);
-
 void g_main_context_invoke_full(GMainContext* context, gint priority, GSourceFunc function,
                                 gpointer data, GDestroyNotify notify) {
   Invoke* call;
-  REAL(g_main_context_invoke_full, InvokeFullFn);
+  REAL(g_main_context_invoke_full);
   call = malloc(sizeof(*call));
   if (!call) {
     real_g_main_context_invoke_full(context, priority, function, data, notify);
@@ -191,27 +182,22 @@ static GSourceFuncs* copy_of(GSourceFuncs* funcs) {
   return copy;
 }
 
-typedef GSource* (*SourceNewFn)(GSourceFuncs*, guint);
-typedef guint (*SourceAttachFn)(GSource*, GMainContext*);
-typedef void (*SourceDestroyFn)(GSource*);
-typedef gboolean (*SourceRemoveFn)(guint);
-
 GSource* g_source_new(GSourceFuncs* source_funcs, guint struct_size) {
   GSourceFuncs* copy = NULL;
-  REAL(g_source_new, SourceNewFn);
+  REAL(g_source_new);
   if (source_funcs && source_funcs->dispatch && source_funcs->dispatch != source_dispatch)
     copy = copy_of(source_funcs);
   return real_g_source_new(copy ? copy : source_funcs, struct_size);
 }
 
 guint g_source_attach(GSource* source, GMainContext* context) {
-  REAL(g_source_attach, SourceAttachFn);
+  REAL(g_source_attach);
   release(source);
   return real_g_source_attach(source, context);
 }
 
 void g_source_destroy(GSource* source) {
-  REAL(g_source_destroy, SourceDestroyFn);
+  REAL(g_source_destroy);
   /* Before: the source may be freed inside, and its ordering with it. */
   acquire(source);
   real_g_source_destroy(source);
@@ -219,9 +205,7 @@ void g_source_destroy(GSource* source) {
 
 gboolean g_source_remove(guint tag) {
   GSource* source = g_main_context_find_source_by_id(NULL, tag);
-  gboolean removed;
-  REAL(g_source_remove, SourceRemoveFn);
+  REAL(g_source_remove);
   if (source) acquire(source);
-  removed = real_g_source_remove(tag);
-  return removed;
+  return real_g_source_remove(tag);
 }
