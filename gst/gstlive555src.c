@@ -859,15 +859,20 @@ static gboolean live555_src_act(GstLive555Src* self, Live555WatchAction action) 
     built = live555_src_build_inner(self);
     g_mutex_lock(&self->lock);
     rtspsrc = self->rtspsrc ? gst_object_ref(self->rtspsrc) : NULL;
-    g_mutex_unlock(&self->lock);
-    if (built && rtspsrc) built = gst_element_sync_state_with_parent(rtspsrc);
-    if (rtspsrc) gst_object_unref(rtspsrc);
-    g_mutex_lock(&self->lock);
+    /* Connecting before the inside starts: a refusal it reports at once
+     * must find its attempt under way, or it is dropped and the attempt
+     * waits out "connect-timeout". */
     self->attempt_start = g_get_monotonic_time();
     self->last_data = self->attempt_start;
     live555_src_set_conn_locked(self, CONN_CONNECTING, 0);
-    if (!built) live555_src_lose_locked(self, REASON_ERROR, "cannot start the RTSP client");
     g_mutex_unlock(&self->lock);
+    if (built && rtspsrc) built = gst_element_sync_state_with_parent(rtspsrc);
+    if (rtspsrc) gst_object_unref(rtspsrc);
+    if (!built) {
+      g_mutex_lock(&self->lock);
+      live555_src_lose_locked(self, REASON_ERROR, "cannot start the RTSP client");
+      g_mutex_unlock(&self->lock);
+    }
   }
   GST_STATE_UNLOCK(self);
   return TRUE;

@@ -355,6 +355,25 @@ TEST_F(Live555SrcTest, EosAndReconnectionWithBackoff) {
   rx.ExpectPromptNull();
 }
 
+// Each attempt against a server that has stopped listening is lost as a
+// refusal at once, also when the refusal comes while the attempt is still
+// being set up (it used to be dropped then, and the attempt waited out
+// "connect-timeout" as if the server were silent).
+TEST_F(Live555SrcTest, EveryAttemptAgainstAClosedPortIsRefused) {
+  Receiver rx(Serve("retry-delay-min=1 retry-delay-max=5 connect-timeout=1000"));
+  ASSERT_TRUE(server_.Refuse());
+  rx.Set(GST_STATE_PLAYING);
+  rx.Run(3000, [] { return false; });
+  int losses = 0;
+  for (const State& s : rx.states) {
+    if (s.state != "lost") continue;
+    ++losses;
+    EXPECT_EQ(s.reason_code, "refused") << "attempt " << s.attempt << ": " << s.reason;
+  }
+  EXPECT_GE(losses, 5);
+  rx.ExpectPromptNull();
+}
+
 // A server that sends nothing is lost after "timeout" and each attempt
 // against it gives up after "connect-timeout"; frames resume after the thaw.
 // A consumer that holds a buffer longer than "timeout" is no silent server.
