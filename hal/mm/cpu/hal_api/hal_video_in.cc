@@ -200,9 +200,11 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
 
 // h264parse posts a bitrate tag several times a second per stream and the
 // watch has no use for it; dropped where it is posted, it never wakes
-// "Gstloop".
+// "Gstloop". A dropped message is ours to unref; each one holds its poster.
 GstBusSyncReply DropTags(GstBus* /*bus*/, GstMessage* msg, gpointer /*user_data*/) {
-  return GST_MESSAGE_TYPE(msg) == GST_MESSAGE_TAG ? GST_BUS_DROP : GST_BUS_PASS;
+  if (GST_MESSAGE_TYPE(msg) != GST_MESSAGE_TAG) return GST_BUS_PASS;
+  gst_message_unref(msg);
+  return GST_BUS_DROP;
 }
 
 // Runs once GLib has let go of the watch's data: after the removal, or after
