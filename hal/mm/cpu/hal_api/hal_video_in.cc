@@ -198,8 +198,8 @@ gboolean BusWatchCallback(GstBus* /*bus*/, GstMessage* msg, gpointer user_data) 
   return TRUE;
 }
 
-// h264parse posts a bitrate tag several times a second per stream and the
-// watch has no use for it; dropped where it is posted, it never wakes
+// h264parse posts bitrate tags, dozens in a stream's first seconds, and the
+// watch has no use for them; dropped where they are posted, they never wake
 // "Gstloop". A dropped message is ours to unref; each one holds its poster.
 GstBusSyncReply DropTags(GstBus* /*bus*/, GstMessage* msg, gpointer /*user_data*/) {
   if (GST_MESSAGE_TYPE(msg) != GST_MESSAGE_TAG) return GST_BUS_PASS;
