@@ -12,23 +12,37 @@ namespace qo {
 POUT::~POUT() = default;
 
 bool POUT::Send(void* task) {
-  // Short waits, so that a release (or a new queue) is seen while full.
-  constexpr int kWaitSliceMs = 20;
   TaskQueue::Task t;
   t.data = task;
   t.info = GetTypeInfo();
+  // Counted before the queue is read, so that a release or a new queue either
+  // is seen here or wakes this sender (both are sequentially consistent).
+  senders_.fetch_add(1);
+  bool sent = false;
   for (TaskQueue* que = GetTxQue(); que != nullptr; que = GetTxQue()) {
-    const bool released = released_.load(std::memory_order_acquire);
-    if (que->Push(t, released ? 0 : kWaitSliceMs)) return true;
-    if (released || que->closed()) break;
+    if (released_.load()) {
+      sent = que->Push(t, 0);
+      break;
+    }
+    sent = que->PushUnless(t, [this, que] { return released_.load() || tx_que_.load() != que; });
+    if (sent || que->closed()) break;
   }
-  TaskQueue::Dispose(t);
-  return false;
+  senders_.fetch_sub(1);
+  if (!sent) TaskQueue::Dispose(t);
+  return sent;
+}
+
+void POUT::SetReleased(bool released) {
+  released_.store(released);
+  if (!released || senders_.load() == 0) return;
+  if (TaskQueue* que = GetTxQue()) que->WakeSenders();
 }
 
 void POUT::SetTxQue(TaskQueue* que) {
-  tx_que_.store(que, std::memory_order_release);
+  TaskQueue* old = tx_que_.exchange(que);
   enabled_.store(que != nullptr, std::memory_order_release);
+  // Only touched while a sender may be waiting on it, when it must be alive.
+  if (old != nullptr && old != que && senders_.load() != 0) old->WakeSenders();
 }
 
 void POUT::SetTypeInfo(const std::string& type_name, std::function<NDArray(void*)> serialise,

@@ -40,6 +40,24 @@ bool TaskQueue::Push(const Task& task, int timeout_ms) {
   return true;
 }
 
+bool TaskQueue::PushUnless(const Task& task, const std::function<bool()>& give_up) {
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    not_full_.wait(lock, [&] { return closed_ || tasks_.size() < capacity_ || give_up(); });
+    if (closed_ || tasks_.size() >= capacity_) return false;
+    tasks_.push_back(task);
+  }
+  not_empty_.notify_one();
+  return true;
+}
+
+void TaskQueue::WakeSenders() {
+  // Taking the lock orders this after a sender's last look at give_up(): it
+  // is then either waiting, and woken here, or has yet to look.
+  { std::lock_guard<std::mutex> lock(mutex_); }
+  not_full_.notify_all();
+}
+
 bool TaskQueue::Pop(Task* task, int timeout_ms) {
   {
     std::unique_lock<std::mutex> lock(mutex_);

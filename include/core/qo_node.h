@@ -33,8 +33,8 @@ class QO_EXPORT POUT {
   virtual bool Send(void* task);
   // Releases (or holds again) a sender waiting on a full queue: a stopping
   // node must not wait for a consumer that may never come back.
-  void SetReleased(bool released) { released_.store(released, std::memory_order_release); }
-  bool released() const { return released_.load(std::memory_order_acquire); }
+  void SetReleased(bool released);
+  bool released() const { return released_.load(); }
 
   // Attaches (non-null) or detaches (null) the transmit queue.
   void SetTxQue(TaskQueue* que);
@@ -52,6 +52,7 @@ class QO_EXPORT POUT {
   std::atomic<TaskQueue*> tx_que_{nullptr};
   std::atomic<bool> enabled_{false};
   std::atomic<bool> released_{false};
+  std::atomic<int> senders_{0};  // threads inside Send
   mutable std::mutex info_mutex_;
   std::shared_ptr<const TaskTypeInfo> info_;
 };

@@ -53,6 +53,12 @@ class QO_EXPORT TaskQueue {
   static void Dispose(Task& task);
 
  private:
+  friend class POUT;
+  // Push that also gives up (false) once give_up() holds; whoever makes it
+  // hold calls WakeSenders, so a full queue costs its senders no wake-ups.
+  bool PushUnless(const Task& task, const std::function<bool()>& give_up);
+  void WakeSenders();
+
   const size_t capacity_;
   mutable std::mutex mutex_;
   std::condition_variable not_full_;

@@ -1,6 +1,7 @@
 // The framework core: log lines and checks, arrays shared across threads and
 // the MediaTask header, frame memory, argument packing and type texts, the
-// owning return slot, the parameter store's refusals, and task queues.
+// owning return slot, the parameter store's refusals, task queues and the
+// output port's sender on a full queue.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,6 +21,7 @@
 #include "core/qo_logging.h"
 #include "core/qo_media_task.h"
 #include "core/qo_ndarray.h"
+#include "core/qo_node.h"
 #include "core/qo_packed_func.h"
 #include "core/qo_prop.h"
 #include "core/qo_registry.h"
@@ -403,6 +405,55 @@ TEST(TaskQueueTest, BackPressureTimeoutsAndClose) {
     EXPECT_EQ(Take(&full), 7);
   }
   EXPECT_EQ(g_freed.load(), 4);  // 4, 8 and 7 taken or disposed, 9 with its queue
+}
+
+// A sender waits on a full queue without polling; it moves on when the port
+// is released (its task disposed of), when the port gets another queue (its
+// task goes there), and when the queue is taken away or closed.
+TEST(PortTest, ASenderOnAFullQueueMovesOnWhenReleasedOrRedirected) {
+  qo::POUT port;
+  port.SetTypeInfo("int", nullptr, [](TaskQueue::Task t) {
+    g_freed.fetch_add(1);
+    delete static_cast<int*>(t.data);
+  });
+  g_freed = 0;
+  TaskQueue full(1), other(1);
+  ASSERT_TRUE(full.Push(IntTask(1)));
+  port.SetTxQue(&full);
+  // Each change while a sender waits, repeated to meet the races between a
+  // sender's last look at the port and the change.
+  const std::vector<std::function<void()>> changes = {
+      [&] { port.SetReleased(true); },
+      [&] { port.SetTxQue(&other); },
+      [&] { port.SetTxQue(nullptr); },
+  };
+  for (int round = 0; round < 200; ++round) {
+    const size_t change = static_cast<size_t>(round) % changes.size();
+    port.SetReleased(false);
+    port.SetTxQue(&full);
+    std::atomic<int> result{-1};
+    std::thread sender([&] { result = port.Send(new int(round)) ? 1 : 0; });
+    if (round < 3) {
+      std::this_thread::sleep_for(milliseconds(30));
+      EXPECT_EQ(result.load(), -1) << "did not wait on the full queue";
+    }
+    changes[change]();
+    sender.join();  // a lost wake-up hangs here
+    EXPECT_EQ(result.load(), change == 1 ? 1 : 0) << "round " << round;
+    if (change == 1) {
+      EXPECT_EQ(Take(&other), round);
+    }
+  }
+  EXPECT_EQ(g_freed.load(), 200);  // every task taken or disposed of, none twice
+
+  // A closed queue ends the wait as well.
+  port.SetReleased(false);
+  port.SetTxQue(&full);
+  std::thread sender([&] { EXPECT_FALSE(port.Send(new int(0))); });
+  std::this_thread::sleep_for(milliseconds(20));
+  full.Close();
+  sender.join();
+  EXPECT_EQ(Take(&full), 1);
 }
 
 }  // namespace
