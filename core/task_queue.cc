@@ -29,22 +29,16 @@ TaskQueue::~TaskQueue() {
 }
 
 bool TaskQueue::Push(const Task& task, int timeout_ms) {
-  {
-    std::unique_lock<std::mutex> lock(mutex_);
-    bool ready = WaitFor(not_full_, lock, timeout_ms,
-                         [this] { return closed_ || tasks_.size() < capacity_; });
-    if (!ready || closed_) return false;
-    tasks_.push_back(task);
-  }
-  not_empty_.notify_one();
-  return true;
+  return PushUnless(task, nullptr, timeout_ms);
 }
 
-bool TaskQueue::PushUnless(const Task& task, const std::function<bool()>& give_up) {
+bool TaskQueue::PushUnless(const Task& task, const std::function<bool()>& give_up, int timeout_ms) {
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    not_full_.wait(lock, [&] { return closed_ || tasks_.size() < capacity_ || give_up(); });
-    if (closed_ || tasks_.size() >= capacity_) return false;
+    const bool ready = WaitFor(not_full_, lock, timeout_ms, [&] {
+      return closed_ || tasks_.size() < capacity_ || (give_up && give_up());
+    });
+    if (!ready || closed_ || tasks_.size() >= capacity_) return false;
     tasks_.push_back(task);
   }
   not_empty_.notify_one();

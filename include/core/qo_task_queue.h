@@ -56,7 +56,7 @@ class QO_EXPORT TaskQueue {
   friend class POUT;
   // Push that also gives up (false) once give_up() holds; whoever makes it
   // hold calls WakeSenders, so a full queue costs its senders no wake-ups.
-  bool PushUnless(const Task& task, const std::function<bool()>& give_up);
+  bool PushUnless(const Task& task, const std::function<bool()>& give_up, int timeout_ms = -1);
   void WakeSenders();
 
   const size_t capacity_;
